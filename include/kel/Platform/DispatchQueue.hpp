@@ -1,0 +1,117 @@
+// kel::DispatchQueue — a queue of work items, serial or concurrent, run by the library's own
+// dispatch runtime (a bounded, growing thread pool with libdispatch's semantics).
+//
+// A DispatchQueue is a cheap copyable handle; copies share one queue and == is identity.
+// Kinds of queue:
+//   - serial (the default): one item at a time, in submission order;
+//   - concurrent (Attributes::concurrent): items run in parallel on the pool;
+//   - DispatchQueue::main(): runs only on the main thread, inside RunLoop;
+//   - DispatchQueue::global(qos): the shared concurrent queue of a quality of service.
+// A queue whose last handle is released still runs the work already submitted to it.
+//
+// sync(work) blocks the caller until work has run. On a serial queue the work runs on the
+// calling thread once the queue is free (earlier items first), as libdispatch does. sync on the
+// queue the caller is already running on deadlocks, as on the original platform.
+//
+// Thread rules: every operation may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "kel/Platform/DispatchTime.hpp"
+#include "kel/Platform/Task.hpp"
+
+namespace kel {
+
+class DispatchGroup;
+
+namespace detail {
+class QueueCore;
+}
+
+// Quality of service: a scheduling hint; the runtime keeps one global queue per class.
+enum class DispatchQoS { unspecified, background, utility, default_, userInitiated, userInteractive };
+
+class DispatchQueue {
+public:
+    enum class Attributes : std::uint8_t { none = 0, concurrent = 1 };
+
+    explicit DispatchQueue(std::string label, DispatchQoS qos = DispatchQoS::unspecified,
+                           Attributes attributes = Attributes::none,
+                           std::optional<DispatchQueue> target = std::nullopt);
+
+    // The queue of the main thread; its work runs when the main thread runs RunLoop.
+    static DispatchQueue main();
+    // The shared concurrent queue of a quality of service.
+    static DispatchQueue global(DispatchQoS qos = DispatchQoS::default_);
+
+    const std::string& label() const;
+    DispatchQoS qos() const;
+    bool isConcurrent() const;
+
+    void async(Task work) const;
+    void async(const DispatchGroup& group, Task work) const;
+    // Runs work no earlier than the deadline. Timers share one runtime thread.
+    void asyncAfter(DispatchTime deadline, Task work) const;
+
+    // Runs f on this queue and waits for it; returns what f returns (exceptions propagate).
+    template <class F>
+    auto sync(F&& f) const -> std::invoke_result_t<F&> {
+        using R = std::invoke_result_t<F&>;
+        if constexpr (std::is_void_v<R>) {
+            syncInvoke(&invokeVoid<std::remove_reference_t<F>>, &f);
+        } else {
+            std::optional<R> result;
+            auto call = [&] { result.emplace(f()); };
+            syncInvoke(&invokeVoid<decltype(call)>, &call);
+            return std::move(*result);
+        }
+    }
+
+    // As sync, except that on the main queue from the main thread f is called directly, so
+    // DispatchQueue::main().syncValue(...) may be used from the main thread without deadlock.
+    template <class F>
+    auto syncValue(F&& f) const -> std::invoke_result_t<F&> {
+        if (isMainQueueOnMainThread()) {
+            return f();
+        }
+        return sync(std::forward<F>(f));
+    }
+
+    // True if the calling thread is running an item of this queue (or, for the main queue, is
+    // the main thread).
+    bool isCurrent() const;
+
+    friend bool operator==(const DispatchQueue& a, const DispatchQueue& b) {
+        return a.core_ == b.core_;
+    }
+
+private:
+    explicit DispatchQueue(std::shared_ptr<detail::QueueCore> core) : core_(std::move(core)) {}
+
+    template <class F>
+    static void invokeVoid(void* f) {
+        (*static_cast<F*>(f))();
+    }
+    // Runs invoke(context) on this queue and waits; an exception thrown by it is rethrown here.
+    void syncInvoke(void (*invoke)(void*), void* context) const;
+    bool isMainQueueOnMainThread() const;
+
+    std::shared_ptr<detail::QueueCore> core_;
+
+    friend class detail::QueueCore;
+};
+
+// The marker queues of the promise library, labelled "com.plumo.promise.zalgo" and
+// "com.plumo.promise.zalgoIfMain". Created once; nothing is ever submitted to them: a promise
+// continuation on zalgo runs synchronously, on zalgoIfMain synchronously on the main thread and
+// through the main queue elsewhere.
+const DispatchQueue& zalgo();
+const DispatchQueue& zalgoIfMain();
+
+}  // namespace kel

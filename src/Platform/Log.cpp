@@ -1,0 +1,198 @@
+#include "kel/Platform/Log.hpp"
+
+#include <syslog.h>
+
+#include <cstdio>
+#include <mutex>
+
+namespace kel {
+
+namespace {
+
+std::string formatNumber(const char* conversion, const LogArgument::Value& value) {
+    char buffer[64];
+    std::string spec = conversion;
+    if (spec == "f") {
+        double number = std::visit(
+            [](const auto& v) -> double {
+                if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::string>) {
+                    return 0.0;
+                } else {
+                    return static_cast<double>(v);
+                }
+            },
+            value);
+        std::snprintf(buffer, sizeof buffer, "%f", number);
+        return buffer;
+    }
+    return std::visit(
+        [](const auto& v) -> std::string {
+            using V = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<V, std::string>) {
+                return v;
+            } else if constexpr (std::is_same_v<V, double>) {
+                return std::to_string(static_cast<long long>(v));
+            } else {
+                return std::to_string(v);
+            }
+        },
+        value);
+}
+
+}  // namespace
+
+std::string LogArgument::text() const {
+    return std::visit(
+        [](const auto& v) -> std::string {
+            using V = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<V, std::string>) {
+                return v;
+            } else if constexpr (std::is_same_v<V, double>) {
+                char buffer[64];
+                std::snprintf(buffer, sizeof buffer, "%g", v);
+                return buffer;
+            } else {
+                return std::to_string(v);
+            }
+        },
+        value_);
+}
+
+std::string renderLogMessage(std::string_view format, const std::vector<LogArgument>& arguments,
+                             bool redactPrivate) {
+    std::string out;
+    out.reserve(format.size() + 16 * arguments.size());
+    std::size_t next = 0;
+    std::size_t i = 0;
+    while (i < format.size()) {
+        char c = format[i];
+        if (c != '%' || i + 1 >= format.size()) {
+            out += c;
+            ++i;
+            continue;
+        }
+        if (format[i + 1] == '%') {
+            out += '%';
+            i += 2;
+            continue;
+        }
+        std::size_t j = i + 1;
+        enum class Privacy { unspecified, public_, private_ } privacy = Privacy::unspecified;
+        if (format[j] == '{') {
+            std::size_t close = format.find('}', j);
+            if (close == std::string_view::npos) {
+                out.append(format.substr(i));
+                break;
+            }
+            std::string_view attribute = format.substr(j + 1, close - j - 1);
+            if (attribute == "public") {
+                privacy = Privacy::public_;
+            } else if (attribute == "private") {
+                privacy = Privacy::private_;
+            }
+            j = close + 1;
+        }
+        std::string conversion;
+        while (j < format.size() && (format[j] == 'l' || format[j] == 'z' || format[j] == 'q')) {
+            conversion += format[j++];
+        }
+        if (j >= format.size()) {
+            out.append(format.substr(i));
+            break;
+        }
+        char kind = format[j];
+        if (kind != '@' && kind != 'd' && kind != 'i' && kind != 'u' && kind != 'f') {
+            out.append(format.substr(i, j - i + 1));
+            i = j + 1;
+            continue;
+        }
+        i = j + 1;
+        bool isPrivate = privacy == Privacy::private_ ||
+                         (privacy == Privacy::unspecified && kind == '@');
+        if (next >= arguments.size()) {
+            out += "(null)";
+            continue;
+        }
+        const LogArgument& argument = arguments[next++];
+        if (redactPrivate && isPrivate) {
+            out += "<private>";
+        } else if (kind == '@') {
+            out += argument.text();
+        } else {
+            out += formatNumber(kind == 'f' ? "f" : "d", argument.value());
+        }
+    }
+    return out;
+}
+
+std::string LogRecord::message(bool redactPrivate) const {
+    return renderLogMessage(format, arguments, redactPrivate);
+}
+
+void SyslogSink::write(const LogRecord& record) {
+    std::string line = record.message(true);
+    ::syslog(record.level == LogLevel::error ? LOG_ERR : LOG_NOTICE, "%s", line.c_str());
+}
+
+void CapturingLogSink::write(const LogRecord& record) {
+    std::lock_guard guard(mutex_);
+    records_.push_back(record);
+}
+
+std::vector<LogRecord> CapturingLogSink::records() const {
+    std::lock_guard guard(mutex_);
+    return records_;
+}
+
+std::vector<std::string> CapturingLogSink::messages() const {
+    std::lock_guard guard(mutex_);
+    std::vector<std::string> out;
+    out.reserve(records_.size());
+    for (const auto& record : records_) {
+        out.push_back(record.message(false));
+    }
+    return out;
+}
+
+void CapturingLogSink::clear() {
+    std::lock_guard guard(mutex_);
+    records_.clear();
+}
+
+namespace {
+
+struct SinkSlot {
+    std::mutex mutex;  // guards sink
+    std::shared_ptr<LogSink> sink = std::make_shared<SyslogSink>();
+};
+
+SinkSlot& sinkSlot() {
+    // Leaked on purpose: threads may still log while static destructors run at exit.
+    static SinkSlot* slot = new SinkSlot();
+    return *slot;
+}
+
+}  // namespace
+
+std::shared_ptr<LogSink> Log::setSink(std::shared_ptr<LogSink> sink) {
+    if (!sink) {
+        sink = std::make_shared<SyslogSink>();
+    }
+    SinkSlot& slot = sinkSlot();
+    std::lock_guard guard(slot.mutex);
+    std::swap(slot.sink, sink);
+    return sink;
+}
+
+std::shared_ptr<LogSink> Log::sink() {
+    SinkSlot& slot = sinkSlot();
+    std::lock_guard guard(slot.mutex);
+    return slot.sink;
+}
+
+void Log::dispatch(const LogRecord& record) {
+    // The sink is written outside the slot's lock so a slow sink never blocks setSink.
+    sink()->write(record);
+}
+
+}  // namespace kel

@@ -1,0 +1,52 @@
+#include "kel/Platform/DomainError.hpp"
+#include "kel/Platform/Error.hpp"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+struct CustomError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+TEST(ErrorDescription, DescribesEveryKindOfThrownValue) {
+    EXPECT_EQ(kel::errorDescription(kel::makeError(std::runtime_error("boom"))), "boom");
+    EXPECT_EQ(kel::errorDescription(std::make_exception_ptr(std::string("text"))), "text");
+    EXPECT_EQ(kel::errorDescription(std::make_exception_ptr("literal")), "literal");
+    EXPECT_EQ(kel::errorDescription(std::make_exception_ptr(7)), "unknown error");
+    EXPECT_EQ(kel::errorDescription(kel::Error{}), "no error");
+}
+
+TEST(ErrorType, TestsAndExtractsByTypeIncludingBases) {
+    kel::Error error = kel::makeError(CustomError("custom"));
+    EXPECT_TRUE(kel::errorIs<CustomError>(error));
+    EXPECT_TRUE(kel::errorIs<std::runtime_error>(error));
+    EXPECT_FALSE(kel::errorIs<std::logic_error>(error));
+    EXPECT_FALSE(kel::errorIs<CustomError>(kel::Error{}));
+
+    auto extracted = kel::errorAs<CustomError>(error);
+    ASSERT_TRUE(extracted.has_value());
+    EXPECT_STREQ(extracted->what(), "custom");
+    EXPECT_FALSE(kel::errorAs<std::logic_error>(error).has_value());
+    EXPECT_FALSE(kel::errorAs<CustomError>(kel::Error{}).has_value());
+}
+
+TEST(DomainError, DescriptionComesFromUserInfoOrDomainAndCode) {
+    kel::DomainError plain("NSURLErrorDomain", -1001);
+    EXPECT_STREQ(plain.what(), "The operation couldn’t be completed. (NSURLErrorDomain error -1001.)");
+
+    kel::DomainError described("app", 3, {{kel::DomainError::localizedDescriptionKey, "Disk full"}});
+    EXPECT_STREQ(described.what(), "Disk full");
+    EXPECT_EQ(described.userInfo().at(kel::DomainError::localizedDescriptionKey), "Disk full");
+}
+
+TEST(DomainError, EqualityComparesDomainCodeAndUserInfo) {
+    EXPECT_EQ(kel::DomainError("d", 1), kel::DomainError("d", 1));
+    EXPECT_NE(kel::DomainError("d", 1), kel::DomainError("d", 2));
+    EXPECT_NE(kel::DomainError("d", 1), kel::DomainError("e", 1));
+    EXPECT_NE(kel::DomainError("d", 1, {{"reason", "x"}}), kel::DomainError("d", 1));
+}
+
+}  // namespace
