@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -199,6 +198,8 @@ nlohmann::json UserDefaults::dictionaryRepresentation() const {
 }
 
 void UserDefaults::writeLocked() const {
+    // Text that is not valid UTF-8 is written with replacement characters rather than making
+    // the whole store unwritable.
     int failure = writeAtomically(
         path_, values_.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
     if (failure != 0) {
