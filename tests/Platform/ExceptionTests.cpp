@@ -1,0 +1,48 @@
+#include "kel/Platform/Exception.hpp"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+const kel::DomainError untouched("untouched", 99);
+
+TEST(ExceptionBridge, ARaisedExceptionBecomesADomainErrorWithItsReasonOrUnknown) {
+    kel::DomainError error = untouched;
+    EXPECT_FALSE(kel::Exception::kf_tryCatch(
+        [] { throw kel::Exception("NSInvalidArgumentException", "index 3 beyond bounds"); },
+        &error));
+    EXPECT_EQ(error, kel::DomainError("NSInvalidArgumentException", 0,
+                                      {{"reason", "index 3 beyond bounds"}}));
+
+    struct RangeException : kel::Exception {
+        RangeException() : kel::Exception("NSRangeException") {}
+    };
+    EXPECT_FALSE(kel::Exception::kf_tryCatch([] { throw RangeException(); }, &error));
+    EXPECT_EQ(error, kel::DomainError("NSRangeException", 0, {{"reason", "unknown"}}));
+    EXPECT_FALSE(kel::Exception::kf_tryCatch([] { throw RangeException(); }, nullptr));
+}
+
+TEST(ExceptionBridge, ANormalReturnLeavesTheErrorUntouched) {
+    kel::DomainError error = untouched;
+    int calls = 0;
+    EXPECT_TRUE(kel::Exception::kf_tryCatch([&] { ++calls; }, &error));
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(error, untouched);
+}
+
+TEST(ExceptionBridge, OtherExceptionsPassThroughUnchanged) {
+    kel::DomainError error = untouched;
+    try {
+        kel::Exception::kf_tryCatch([] { throw std::logic_error("not an Exception"); }, &error);
+        FAIL() << "the exception was swallowed";
+    } catch (const std::logic_error& caught) {
+        EXPECT_STREQ(caught.what(), "not an Exception");
+    }
+    EXPECT_THROW(kel::Exception::kf_tryCatch([] { throw 42; }, &error), int);
+    EXPECT_THROW(kel::Exception::kf_tryCatch([] { throw untouched; }, &error), kel::DomainError);
+    EXPECT_EQ(error, untouched);
+}
+
+}  // namespace

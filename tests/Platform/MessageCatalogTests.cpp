@@ -1,0 +1,152 @@
+#include "kel/Platform/MessageCatalog.hpp"
+
+#include "ScopedEnvironment.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Entries = std::vector<std::pair<std::string, std::string>>;
+using Catalogue = std::shared_ptr<const kel::MessageCatalog>;
+
+// Lays out a compiled catalogue as msgfmt does: header, the two string tables, the strings.
+std::string compileCatalogue(const Entries& entries, bool bigEndian = false) {
+    std::string table;
+    std::string pool;
+    auto word = [&](std::string& out, std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            out += static_cast<char>((value >> (bigEndian ? 24 - 8 * i : 8 * i)) & 0xff);
+        }
+    };
+    auto count = static_cast<std::uint32_t>(entries.size());
+    std::uint32_t strings = 28 + 16 * count;
+    for (bool translated : {false, true}) {
+        for (const auto& entry : entries) {
+            const std::string& text = translated ? entry.second : entry.first;
+            word(table, static_cast<std::uint32_t>(text.size()));
+            word(table, strings + static_cast<std::uint32_t>(pool.size()));
+            pool += text + '\0';
+        }
+    }
+    std::string header;
+    for (std::uint32_t value : {0x950412deu, 0u, count, 28u, 28 + 8 * count, 0u, 0u}) {
+        word(header, value);
+    }
+    return header + table + pool;
+}
+
+std::pair<std::string, std::string> pluralForms(const std::string& rule) {
+    return {"", "Content-Type: text/plain; charset=UTF-8\nPlural-Forms: " + rule + "\n"};
+}
+
+class MessageCatalogFiles : public ::testing::Test {
+  protected:
+    Catalogue open(const std::string& bytes, const std::string& name = "test.mo") {
+        std::filesystem::path file = directory_ / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << bytes;
+        return kel::MessageCatalog::open(file);
+    }
+
+    kel::testing::ScratchDirectory directory_;
+};
+
+TEST_F(MessageCatalogFiles, ReadsSingularAndPluralEntriesInEitherByteOrder) {
+    Entries entries{
+        pluralForms("nplurals=2; plural=(n != 1);"),
+        {"Now", "Jetzt"},
+        {std::string("%d file\0%d files", 16), std::string("%d Datei\0%d Dateien", 19)}};
+    for (bool bigEndian : {false, true}) {
+        Catalogue catalogue = open(compileCatalogue(entries, bigEndian));
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->translation("Now"), "Jetzt");
+        EXPECT_EQ(catalogue->pluralTranslation("%d file", 1), "%d Datei");
+        EXPECT_EQ(catalogue->pluralTranslation("%d file", 0), "%d Dateien");
+        EXPECT_EQ(catalogue->translation("missing"), std::nullopt);
+        EXPECT_EQ(catalogue->pluralTranslation("Now", 5), "Jetzt");
+    }
+}
+
+TEST_F(MessageCatalogFiles, PluralRulesOfOtherLanguagesAndOddRules) {
+    // Polish: one, few (2-4 except 12-14), many.
+    Catalogue polish =
+        open(compileCatalogue({pluralForms("nplurals=3; plural=(n==1 ? 0 : n%10>=2 && n%10<=4 && "
+                                           "(n%100<10 || n%100>=20) ? 1 : 2);")}));
+    ASSERT_NE(polish, nullptr);
+    const std::pair<unsigned long, unsigned long> polishCases[] = {
+        {1, 0}, {2, 1}, {4, 1}, {5, 2}, {12, 2}, {14, 2}, {22, 1}, {25, 2}, {0, 2}};
+    for (auto [n, index] : polishCases) {
+        EXPECT_EQ(polish->pluralIndex(n), index) << "n = " << n;
+    }
+
+    auto withRule = [&](const std::string& rule) {
+        return open(compileCatalogue(
+            {pluralForms(rule), {std::string("a\0b", 3), std::string("one\0other", 9)}}));
+    };
+    // Division by zero, an index past the rule's count or past the entry's forms: the first.
+    for (const char* rule : {"nplurals=2; plural=n/0 + 5;", "nplurals=3; plural=2;"}) {
+        Catalogue catalogue = withRule(rule);
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->pluralTranslation("a", 3), "one") << rule;
+    }
+    // A rule that does not parse, no rule, runaway nesting: the English rule.
+    std::string deep = "nplurals=2; plural=" + std::string(500, '(') + "n" + std::string(500, ')');
+    for (const std::string& rule :
+         {std::string("nplurals=2; plural=n !=;"), std::string("nplurals=2;"), deep}) {
+        Catalogue catalogue = withRule(rule);
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
+        EXPECT_EQ(catalogue->pluralTranslation("a", 2), "other");
+    }
+}
+
+TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
+    std::string good = compileCatalogue({{"key", "value"}});
+    std::string badMagic = good;
+    badMagic[0] = 'X';
+    std::string futureRevision = good;
+    futureRevision[6] = 2;
+    std::string stringOutsideFile = good;
+    stringOutsideFile[35] = '\x7f';  // the first original's offset, far past the end
+    EXPECT_NE(open(good), nullptr);
+    EXPECT_EQ(kel::MessageCatalog::open(directory_ / "absent.mo"), nullptr);
+    for (const std::string& bytes :
+         {badMagic, futureRevision, stringOutsideFile, good.substr(0, 30), std::string("short")}) {
+        EXPECT_EQ(open(bytes), nullptr);
+    }
+}
+
+TEST_F(MessageCatalogFiles, FindTakesTheFirstLanguageThatHasACatalogue) {
+    open(compileCatalogue({{"Now", "Maintenant"}}), "fr/LC_MESSAGES/Domain.mo");
+    open(compileCatalogue({{"Now", "Now"}}), "en/LC_MESSAGES/Domain.mo");
+    Catalogue found = kel::MessageCatalog::find(directory_.path(), "Domain", {"de", "fr", "en"});
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->translation("Now"), "Maintenant");
+}
+
+TEST(MessageCatalogLanguages, ComeFromTheEnvironmentWithEnglishLast) {
+    kel::testing::ScopedEnvironment environment;
+    environment.set("LANGUAGE", "de_AT.UTF-8@euro:fr").set("LC_ALL", std::nullopt);
+    environment.set("LC_MESSAGES", std::nullopt).set("LANG", "pt_BR.UTF-8");
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(),
+              (std::vector<std::string>{"de_AT@euro", "de_AT", "de@euro", "de", "fr", "pt_BR", "pt",
+                                        "en"}));
+    environment.set("LANGUAGE", std::nullopt).set("LC_ALL", "C.UTF-8");
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(), std::vector<std::string>{"en"});
+    environment.set("LC_ALL", std::nullopt).set("LC_MESSAGES", "en_GB").set("LANG", "POSIX");
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(), (std::vector<std::string>{"en_GB", "en"}));
+}
+
+TEST(MessageCatalogLibrary, TheLibraryCatalogueIsFoundBesideTheLibrary) {
+    Catalogue catalogue = kel::MessageCatalog::library();
+    ASSERT_NE(catalogue, nullptr);
+    EXPECT_EQ(catalogue->pluralTranslation("%d day/days ago long", 2), "%d days ago");
+}
+
+}  // namespace
