@@ -42,7 +42,7 @@ class UnfairLock final : public Lock {
     explicit UnfairLock(Options options) noexcept
         : optionWord_((options.rawValue() & 1) != 0 ? dataSynchronizationWord : 0) {}
 
-    void lock() override {
+    void lock() noexcept override {
         std::uint32_t expected = unlocked;
         if (!word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
                                            std::memory_order_relaxed)) [[unlikely]] {
@@ -50,7 +50,7 @@ class UnfairLock final : public Lock {
         }
     }
 
-    void unlock() override {
+    void unlock() noexcept override {
         if (word_.exchange(unlocked, std::memory_order_release) == contended) [[unlikely]] {
             wakeOne();
         }
@@ -78,9 +78,9 @@ class UnfairLock final : public Lock {
     static constexpr std::uint32_t locked = 1;
     static constexpr std::uint32_t contended = 2;
 
-    void lockContended();
-    std::uint32_t spinWhileLocked() const;
-    void wakeOne();
+    void lockContended() noexcept;
+    std::uint32_t spinWhileLocked() const noexcept;
+    void wakeOne() noexcept;
 
     std::atomic<std::uint32_t> word_{unlocked};  // the lock word itself; futex address
     const std::uint32_t optionWord_;             // set once at construction
