@@ -32,7 +32,8 @@ class UnfairLock final : public Lock {
     // The options a lock is made with.
     struct Options : OptionSet<Options, std::int64_t> {
         using OptionSet::OptionSet;
-        // A hint that the lock guards data shared with other threads' synchronous work.
+        // A hint that the lock only guards data: its holder can always finish and release it
+        // without help from another thread of the process.
         static const Options dataSynchronization;
     };
 
