@@ -4,6 +4,9 @@
 // library, and shutdown, printing what each subsystem does along the way.
 #include <kel/KelFoundation.hpp>
 
+#include "FoundationDemo.hpp"
+#include "UtilitiesDemo.hpp"
+
 #include <iostream>
 #include <memory>
 
@@ -30,6 +33,9 @@ int main() {
     std::cout << "  an error value: " << kel::errorDescription(error) << "\n";
     kel::Log::write(kel::LogLevel::default_, "launching %{public}@ for user %@", "KelDemo",
                     "alice");
+
+    runFoundationDemo();
+    runUtilitiesDemo();
 
     std::cout << "\nDemo finished.\n";
     return 0;
