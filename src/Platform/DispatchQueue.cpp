@@ -38,18 +38,32 @@ void QueueCore::async(Task work) {
             }
             return;
         case QueueKind::serial: {
+            bool becameOwner;
             {
                 std::lock_guard lock(mutex_);
                 items_.push(SerialItem{std::move(work), nullptr});
-                if (active_) {
-                    return;  // whoever owns the queue will reach the item
-                }
-                active_ = true;
+                becameOwner = countPushedLocked();
             }
-            scheduleDrain();
+            if (becameOwner) {
+                scheduleDrain();
+            }
             return;
         }
     }
+}
+
+bool QueueCore::countPushedLocked() noexcept {
+    constexpr std::uint64_t owned = 1;
+    constexpr std::uint64_t one = 2;
+    std::uint64_t old = state_.load(std::memory_order_relaxed);
+    while (!state_.compare_exchange_weak(old, (old + one) | owned, std::memory_order_acq_rel)) {
+    }
+    return (old & owned) == 0;
+}
+
+bool QueueCore::letGo() noexcept {
+    std::uint64_t ownedAndIdle = 1;
+    return state_.compare_exchange_strong(ownedAndIdle, 0, std::memory_order_acq_rel);
 }
 
 void QueueCore::scheduleDrain() {
@@ -61,58 +75,84 @@ void QueueCore::scheduleDrain() {
 }
 
 void QueueCore::drain() {
+    nameThread(label);
     CurrentQueueScope scope(this);
-    for (int ran = 0;; ++ran) {
-        SerialItem item;
+    // Items are taken a few at a time, so that the drainer takes the mutex less often than
+    // the submitters; a sync caller's turn always ends a batch.
+    constexpr std::size_t takeAtOnce = 16;
+    SerialItem taken[takeAtOnce];
+    for (int ran = 0;;) {
+        std::size_t count = 0;
         {
             std::lock_guard lock(mutex_);
-            if (items_.empty()) {
-                active_ = false;
-                return;
-            }
-            if (ran == drainBatch) {
+            if (ran >= drainBatch && !items_.empty()) {
                 break;
             }
-            item = items_.pop();
+            while (count < takeAtOnce && !items_.empty()) {
+                taken[count] = items_.pop();
+                if (taken[count++].waiter != nullptr) {
+                    break;
+                }
+            }
+            if (count != 0) {
+                state_.fetch_sub(2 * count, std::memory_order_acq_rel);
+            }
         }
-        if (item.waiter != nullptr) {
-            item.waiter->notify();  // the queue now belongs to the sync caller
-            return;
+        if (count == 0) {
+            if (letGo()) {
+                return;
+            }
+            continue;  // an item was counted after we looked: it is ours to run
         }
-        runWork(item.task);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (taken[i].waiter != nullptr) {
+                taken[i].waiter->notify();  // the queue now belongs to the sync caller
+                return;
+            }
+            runWork(taken[i].task);
+            taken[i].task.reset();  // release what the item captured before running the next
+        }
+        ran += static_cast<int>(count);
     }
-    // Let other queues have the thread; the queue stays active and is drained again later.
+    // Let other queues have the thread; the queue stays owned and is drained again later.
     scheduleDrain();
 }
 
 void QueueCore::acquireForSync() {
+    std::uint64_t idle = 0;
+    if (state_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+        return;  // an idle queue: taken without the mutex
+    }
     Signal turn;
+    bool becameOwner;
     {
         std::lock_guard lock(mutex_);
-        if (!active_) {
-            active_ = true;
-            return;
-        }
         items_.push(SerialItem{Task(), &turn});
+        becameOwner = countPushedLocked();
+    }
+    if (becameOwner) {
+        scheduleDrain();  // the owner let go meanwhile; a drainer hands the queue to us in turn
     }
     BlockingScope blocking;
     turn.wait();
 }
 
 void QueueCore::releaseAfterSync() {
+    if (letGo()) {
+        return;
+    }
+    // Still the owner, with items counted. Only the owner pops, and items are counted under
+    // the mutex after being pushed, so they are there.
     Signal* next = nullptr;
     {
         std::lock_guard lock(mutex_);
-        if (items_.empty()) {
-            active_ = false;
-            return;
-        }
         if (items_.front().waiter != nullptr) {
             next = items_.pop().waiter;
+            state_.fetch_sub(2, std::memory_order_acq_rel);
         }
     }
     if (next != nullptr) {
-        next->notify();
+        next->notify();  // straight to the next sync caller
     } else {
         scheduleDrain();
     }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <string_view>
 #include <thread>
 
 #include "kel/Platform/FatalError.hpp"
@@ -31,14 +32,18 @@ constexpr auto idleTimeout = std::chrono::seconds(5);
 constexpr auto longestTimerWait = std::chrono::hours(1);
 
 thread_local bool onWorkerThread = false;
-thread_local const CurrentQueueScope* currentQueueTop = nullptr;
 thread_local char currentThreadName[16] = {};
 
-// Names the calling thread after a queue label (the kernel keeps 15 characters). Renaming is a
-// system call, so it happens only when the name changes.
+std::size_t hardwareThreads() {
+    unsigned n = std::thread::hardware_concurrency();
+    return n == 0 ? 2 : n;
+}
+
+}  // namespace
+
 void nameThread(const std::string& label) {
     char name[16];
-    const std::string& shown = label.empty() ? std::string("kel.queue") : label;
+    std::string_view shown = label.empty() ? std::string_view("kel.queue") : label;
     std::size_t length = std::min<std::size_t>(shown.size(), 15);
     std::memcpy(name, shown.data(), length);
     name[length] = '\0';
@@ -48,37 +53,11 @@ void nameThread(const std::string& label) {
     }
 }
 
-std::size_t hardwareThreads() {
-    unsigned n = std::thread::hardware_concurrency();
-    return n == 0 ? 2 : n;
-}
-
-}  // namespace
-
 void runWork(Task& task) noexcept {
     task();
 }
 
 // MARK: - Scopes
-
-CurrentQueueScope::CurrentQueueScope(const QueueCore* queue) noexcept
-    : queue_(queue), previous_(currentQueueTop) {
-    currentQueueTop = this;
-}
-
-CurrentQueueScope::~CurrentQueueScope() {
-    currentQueueTop = previous_;
-}
-
-bool CurrentQueueScope::contains(const QueueCore* queue) noexcept {
-    for (const CurrentQueueScope* scope = currentQueueTop; scope != nullptr;
-         scope = scope->previous_) {
-        if (scope->queue_ == queue) {
-            return true;
-        }
-    }
-    return false;
-}
 
 BlockingScope::BlockingScope() noexcept : onWorker_(onWorkerThread) {
     if (onWorker_) {
@@ -163,11 +142,6 @@ void Pool::workerUnblocked() {
     --blocked_;
 }
 
-std::size_t Pool::threadCount() const {
-    std::lock_guard lock(mutex_);
-    return threads_;
-}
-
 void Pool::linkIdleLocked(Worker* worker) {
     worker->previousIdle = nullptr;
     worker->nextIdle = idleHead_;
@@ -175,7 +149,6 @@ void Pool::linkIdleLocked(Worker* worker) {
         idleHead_->previousIdle = worker;
     }
     idleHead_ = worker;
-    ++idle_;
 }
 
 void Pool::unlinkIdleLocked(Worker* worker) {
@@ -188,7 +161,6 @@ void Pool::unlinkIdleLocked(Worker* worker) {
         worker->nextIdle->previousIdle = worker->previousIdle;
     }
     worker->nextIdle = worker->previousIdle = nullptr;
-    --idle_;
 }
 
 void Pool::workerMain(Worker* self) {

@@ -1,12 +1,15 @@
 #include "kel/Platform/DispatchQueue.hpp"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <latch>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -262,37 +265,48 @@ TEST(DispatchPool, BlockedWorkersDoNotStarveTheWorkTheyWaitFor) {
     EXPECT_EQ(released.load(), blockers);
 }
 
-TEST(DispatchQueueIdentity, HandlesShareOneQueueAndCompareByIdentity) {
-    DispatchQueue a("same.label");
-    DispatchQueue b("same.label");
-    DispatchQueue copy = a;
-    EXPECT_EQ(a, copy);
-    EXPECT_FALSE(a == b);
-    EXPECT_EQ(a.label(), "same.label");
-    EXPECT_FALSE(a.isConcurrent());
-    EXPECT_EQ(DispatchQueue::global(), DispatchQueue::global(kel::DispatchQoS::default_));
-    EXPECT_FALSE(DispatchQueue::global() == DispatchQueue::global(kel::DispatchQoS::background));
-    EXPECT_TRUE(DispatchQueue::global(kel::DispatchQoS::utility).isConcurrent());
-    EXPECT_EQ(DispatchQueue::main(), DispatchQueue::main());
+TEST(DispatchPool, WorkersAreNamedAfterTheQueueTheyRun) {
+    auto nameInside = [](const DispatchQueue& queue) {
+        std::string name;
+        DispatchGroup group;
+        queue.async(group, [&] {
+            char buffer[16] = {};
+            pthread_getname_np(pthread_self(), buffer, sizeof buffer);
+            name = buffer;
+        });
+        EXPECT_TRUE(group.wait(DispatchTime::now() + 30.0));
+        return name;
+    };
+    EXPECT_EQ(nameInside(DispatchQueue("com.example.database.writer")), "com.example.dat");
+    EXPECT_EQ(nameInside(DispatchQueue("decode", kel::DispatchQoS::utility,
+                                       DispatchQueue::Attributes::concurrent)),
+              "decode");
 }
 
-TEST(DispatchQueueIdentity, MarkerQueuesAreDistinctSerialQueuesWithTheirLabels) {
+TEST(DispatchQueueIdentity, EqualityIsIdentityNotLabel) {
+    DispatchQueue a("same.label");
+    DispatchQueue copy = a;
+    EXPECT_EQ(a, copy);
+    EXPECT_FALSE(a == DispatchQueue("same.label"));
+    EXPECT_EQ(DispatchQueue::global(), DispatchQueue::global(kel::DispatchQoS::default_));
+    EXPECT_FALSE(DispatchQueue::global() == DispatchQueue::global(kel::DispatchQoS::background));
+    // The promise library recognises its marker queues by identity.
     EXPECT_EQ(kel::zalgo().label(), "com.plumo.promise.zalgo");
     EXPECT_EQ(kel::zalgoIfMain().label(), "com.plumo.promise.zalgoIfMain");
-    EXPECT_EQ(&kel::zalgo(), &kel::zalgo());
     EXPECT_FALSE(kel::zalgo() == kel::zalgoIfMain());
-    EXPECT_FALSE(kel::zalgo() == DispatchQueue::main());
-    EXPECT_FALSE(kel::zalgo().isConcurrent());
-    EXPECT_EQ(kel::zalgo().qos(), kel::DispatchQoS::unspecified);
 }
 
 TEST(AsyncAfter, RunsInDeadlineOrderAndNeverEarly) {
     DispatchQueue queue("test.timers");
     constexpr int count = 60;
-    std::vector<int> order;  // touched only on the queue
+    struct Fired {
+        DispatchTime deadline;
+        int key;
+    };
+    std::vector<Fired> fired;  // touched only on the queue
     std::atomic<int> early{0};
     DispatchGroup group;
-    DispatchTime start = DispatchTime::now();
+    DispatchTime start = DispatchTime::now() + 0.05;
     // Deadlines in a scrambled order, several sharing one deadline (those keep submission order).
     for (int i = 0; i < count; ++i) {
         int slot = (i * 37) % 20;
@@ -302,14 +316,23 @@ TEST(AsyncAfter, RunsInDeadlineOrderAndNeverEarly) {
             if (DispatchTime::now() < deadline) {
                 early.fetch_add(1);
             }
-            order.push_back(slot * 1000 + i);
+            fired.push_back({deadline, slot * 1000 + i});
             group.leave();
         });
     }
+    DispatchTime allScheduled = DispatchTime::now();
     expectEmpties(group);
     EXPECT_EQ(early.load(), 0);
-    ASSERT_EQ(order.size(), static_cast<std::size_t>(count));
-    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    ASSERT_EQ(fired.size(), static_cast<std::size_t>(count));
+    // Order is promised among timers that were all pending together (on a slow machine an
+    // early one may have fired while later ones were still being scheduled).
+    std::vector<int> keys;
+    for (const auto& f : fired) {
+        if (f.deadline > allScheduled) {
+            keys.push_back(f.key);
+        }
+    }
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
 }
 
 TEST(AsyncAfter, PastDeadlineRunsAndDistantFutureNeverDoes) {
