@@ -1,0 +1,91 @@
+// kel::UnfairLock — a small, fast, non-fair, non-recursive Lock of one 32-bit word.
+//
+// The lock word is 0 when free, 1 when held and 2 when held with (possibly) sleeping waiters.
+// lock() takes a free lock with one compare-and-swap; under contention it spins briefly while
+// the holder is expected to finish soon, then sleeps in the kernel on the word (futex) until an
+// unlock() wakes one waiter. unlock() is one atomic exchange, plus a wake-up system call only
+// when someone may be asleep. Waiters are not served in arrival order: a thread that arrives
+// while the lock is free takes it even if others sleep, which keeps throughput high.
+//
+// Options: the data-synchronization option is recorded as the option word 0x00010000 (readable
+// through optionWord()); it is a scheduling hint that this implementation accepts and ignores.
+// Only bit 0 of the options' raw value is looked at.
+//
+// Misuse: locking twice from the owning thread deadlocks (the word does not record its owner,
+// so it cannot be detected); unlocking a lock the caller does not hold is undefined.
+//
+// Thread rules: lock() and unlock() from any thread, concurrently.
+// Ownership: not copyable, not movable; keep it by value or through std::shared_ptr.
+#pragma once
+
+#include "kel/Concurrency/Lock.hpp"
+#include "kel/Extensions/OptionSet.hpp"
+
+#include <atomic>
+#include <cstdint>
+#include <utility>
+
+namespace kel {
+
+class UnfairLock final : public Lock {
+  public:
+    // The options a lock is made with.
+    struct Options : OptionSet<Options, std::int64_t> {
+        using OptionSet::OptionSet;
+        // A hint that the lock guards data shared with other threads' synchronous work.
+        static const Options dataSynchronization;
+    };
+
+    // The option word for the data-synchronization option.
+    static constexpr std::uint32_t dataSynchronizationWord = 0x00010000;
+
+    explicit UnfairLock(Options options) noexcept
+        : optionWord_((options.rawValue() & 1) != 0 ? dataSynchronizationWord : 0) {}
+
+    void lock() override {
+        std::uint32_t expected = unlocked;
+        if (!word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
+                                           std::memory_order_relaxed)) [[unlikely]] {
+            lockContended();
+        }
+    }
+
+    void unlock() override {
+        if (word_.exchange(unlocked, std::memory_order_release) == contended) [[unlikely]] {
+            wakeOne();
+        }
+    }
+
+    // Takes the lock if it is free, without waiting; true if taken. With it the lock is
+    // Lockable, so std::scoped_lock can take several locks at once.
+    bool try_lock() noexcept {
+        std::uint32_t expected = unlocked;
+        return word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
+                                             std::memory_order_relaxed);
+    }
+
+    // sync through the concrete type: no virtual calls.
+    template <class Body>
+    decltype(auto) sync(Body&& body) {
+        return syncOn(*this, std::forward<Body>(body));
+    }
+
+    // The option word chosen at construction: 0 or 0x00010000. Never changes.
+    std::uint32_t optionWord() const noexcept { return optionWord_; }
+
+  private:
+    static constexpr std::uint32_t unlocked = 0;
+    static constexpr std::uint32_t locked = 1;
+    static constexpr std::uint32_t contended = 2;
+
+    void lockContended();
+    std::uint32_t spinWhileLocked() const;
+    void wakeOne();
+
+    std::atomic<std::uint32_t> word_{unlocked};  // the lock word itself; futex address
+    const std::uint32_t optionWord_;             // set once at construction
+};
+
+inline constexpr UnfairLock::Options UnfairLock::Options::dataSynchronization{1};
+
+}  // namespace kel
