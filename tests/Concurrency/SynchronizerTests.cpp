@@ -42,9 +42,15 @@ TEST(SynchronizerJobs, ResultWaitsUntilEveryOverlappingJobHasSettled) {
 TEST(SynchronizerJobs, ResultIsFulfilledOnTheGivenQueue) {
     kel::Synchronizer synchronizer;
     kel::DispatchQueue queue("synchronizer.target");
+    kel::DeferredPromise<void> job;
     std::atomic<bool> onQueue = false;
-    auto result = synchronizer.synchronize(queue, [] { return kel::Promise<void>::fulfilled(); })
-                      .then(kel::zalgo(), [&] { onQueue = queue.isCurrent(); });
+    // The handler is registered before the job settles, so it runs where the result is
+    // fulfilled rather than on this thread.
+    auto result =
+        synchronizer.synchronize(queue, [&] { return job.promise; }).then(kel::zalgo(), [&] {
+            onQueue = queue.isCurrent();
+        });
+    job.resolve();
     await(result);
     EXPECT_TRUE(onQueue);
 }
