@@ -38,18 +38,32 @@ void QueueCore::async(Task work) {
             }
             return;
         case QueueKind::serial: {
+            bool becameOwner;
             {
                 std::lock_guard lock(mutex_);
                 items_.push(SerialItem{std::move(work), nullptr});
-                if (active_) {
-                    return;  // whoever owns the queue will reach the item
-                }
-                active_ = true;
+                becameOwner = countPushedLocked();
             }
-            scheduleDrain();
+            if (becameOwner) {
+                scheduleDrain();
+            }
             return;
         }
     }
+}
+
+bool QueueCore::countPushedLocked() noexcept {
+    constexpr std::uint64_t owned = 1;
+    constexpr std::uint64_t one = 2;
+    std::uint64_t old = state_.load(std::memory_order_relaxed);
+    while (!state_.compare_exchange_weak(old, (old + one) | owned, std::memory_order_acq_rel)) {
+    }
+    return (old & owned) == 0;
+}
+
+bool QueueCore::letGo() noexcept {
+    std::uint64_t ownedAndIdle = 1;
+    return state_.compare_exchange_strong(ownedAndIdle, 0, std::memory_order_acq_rel);
 }
 
 void QueueCore::scheduleDrain() {
@@ -62,57 +76,72 @@ void QueueCore::scheduleDrain() {
 
 void QueueCore::drain() {
     CurrentQueueScope scope(this);
-    for (int ran = 0;; ++ran) {
+    for (int ran = 0;;) {
         SerialItem item;
+        bool took = false;
         {
             std::lock_guard lock(mutex_);
-            if (items_.empty()) {
-                active_ = false;
+            if (!items_.empty()) {
+                if (ran == drainBatch) {
+                    break;
+                }
+                item = items_.pop();
+                state_.fetch_sub(2, std::memory_order_acq_rel);
+                took = true;
+            }
+        }
+        if (!took) {
+            if (letGo()) {
                 return;
             }
-            if (ran == drainBatch) {
-                break;
-            }
-            item = items_.pop();
+            continue;  // an item was counted after we looked: it is ours to run
         }
         if (item.waiter != nullptr) {
             item.waiter->notify();  // the queue now belongs to the sync caller
             return;
         }
         runWork(item.task);
+        ++ran;
     }
-    // Let other queues have the thread; the queue stays active and is drained again later.
+    // Let other queues have the thread; the queue stays owned and is drained again later.
     scheduleDrain();
 }
 
 void QueueCore::acquireForSync() {
+    std::uint64_t idle = 0;
+    if (state_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+        return;  // an idle queue: taken without the mutex
+    }
     Signal turn;
+    bool becameOwner;
     {
         std::lock_guard lock(mutex_);
-        if (!active_) {
-            active_ = true;
-            return;
-        }
         items_.push(SerialItem{Task(), &turn});
+        becameOwner = countPushedLocked();
+    }
+    if (becameOwner) {
+        scheduleDrain();  // the owner let go meanwhile; a drainer hands the queue to us in turn
     }
     BlockingScope blocking;
     turn.wait();
 }
 
 void QueueCore::releaseAfterSync() {
+    if (letGo()) {
+        return;
+    }
+    // Still the owner, with items counted. Only the owner pops, and items are counted under
+    // the mutex after being pushed, so they are there.
     Signal* next = nullptr;
     {
         std::lock_guard lock(mutex_);
-        if (items_.empty()) {
-            active_ = false;
-            return;
-        }
         if (items_.front().waiter != nullptr) {
             next = items_.pop().waiter;
+            state_.fetch_sub(2, std::memory_order_acq_rel);
         }
     }
     if (next != nullptr) {
-        next->notify();
+        next->notify();  // straight to the next sync caller
     } else {
         scheduleDrain();
     }

@@ -31,7 +31,6 @@ constexpr auto idleTimeout = std::chrono::seconds(5);
 constexpr auto longestTimerWait = std::chrono::hours(1);
 
 thread_local bool onWorkerThread = false;
-thread_local const CurrentQueueScope* currentQueueTop = nullptr;
 thread_local char currentThreadName[16] = {};
 
 // Names the calling thread after a queue label (the kernel keeps 15 characters). Renaming is a
@@ -60,25 +59,6 @@ void runWork(Task& task) noexcept {
 }
 
 // MARK: - Scopes
-
-CurrentQueueScope::CurrentQueueScope(const QueueCore* queue) noexcept
-    : queue_(queue), previous_(currentQueueTop) {
-    currentQueueTop = this;
-}
-
-CurrentQueueScope::~CurrentQueueScope() {
-    currentQueueTop = previous_;
-}
-
-bool CurrentQueueScope::contains(const QueueCore* queue) noexcept {
-    for (const CurrentQueueScope* scope = currentQueueTop; scope != nullptr;
-         scope = scope->previous_) {
-        if (scope->queue_ == queue) {
-            return true;
-        }
-    }
-    return false;
-}
 
 BlockingScope::BlockingScope() noexcept : onWorker_(onWorkerThread) {
     if (onWorker_) {

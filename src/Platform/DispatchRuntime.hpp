@@ -152,22 +152,48 @@ class QueueCore : public std::enable_shared_from_this<QueueCore> {
     // Serial queues: gives the queue to the next sync caller or back to the pool.
     void releaseAfterSync();
 
-    std::mutex mutex_;        // guards items_ and active_
-    Ring<SerialItem> items_;  // serial queues: waiting work, in submission order
-    bool active_ = false;     // a drainer or a sync caller owns the (serial) queue
+    // Counts an item just pushed (mutex_ held) and claims the queue if nobody owns it; true if
+    // the caller became the owner and must see that the queue gets drained.
+    bool countPushedLocked() noexcept;
+    // Gives up ownership if nothing is pending; false if the owner must go on.
+    bool letGo() noexcept;
+
+    // Serial queues. state_ packs the number of items in items_ (times two) with an "owned"
+    // bit (1): the owner, a drainer on the pool or a sync caller, runs or hands on every
+    // counted item. Items are counted under mutex_ when pushed and uncounted when popped, and
+    // every count sets the owned bit, so pending items always have an owner. An idle queue is
+    // taken (0 -> 1) and given back (1 -> 0) by sync with one compare-and-swap each.
+    std::mutex mutex_;        // guards items_
+    Ring<SerialItem> items_;  // waiting work, in submission order
+    std::atomic<std::uint64_t> state_{0};
 };
 
 // Marks the calling thread as running an item of a queue, for isCurrent and nested sync checks.
 class CurrentQueueScope {
   public:
-    explicit CurrentQueueScope(const QueueCore* queue) noexcept;
-    ~CurrentQueueScope();
+    explicit CurrentQueueScope(const QueueCore* queue) noexcept : queue_(queue), previous_(top) {
+        top = this;
+    }
+    ~CurrentQueueScope() { top = previous_; }
     CurrentQueueScope(const CurrentQueueScope&) = delete;
     CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
 
-    static bool contains(const QueueCore* queue) noexcept;
+    static bool contains(const QueueCore* queue) noexcept {
+        for (const CurrentQueueScope* scope = top; scope != nullptr; scope = scope->previous_) {
+            if (scope->queue_ == queue) {
+                return true;
+            }
+        }
+        return false;
+    }
 
   private:
+    // The innermost scope of the calling thread. The library is linked, not loaded late, so
+    // the initial-exec model may keep it in the static TLS block, read without a call to
+    // __tls_get_addr: this is on the path of every sync.
+    __attribute__((tls_model(
+        "initial-exec"))) static inline thread_local const CurrentQueueScope* top = nullptr;
+
     const QueueCore* queue_;
     const CurrentQueueScope* previous_;
 };
