@@ -132,24 +132,24 @@ class ImmediateOperation final : public kel::AsyncOperation<T> {
 TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
     kel::TaskScheduler scheduler("promise");
 
-    auto fulfilled = await(scheduler.promise<int>(
-        std::make_shared<ImmediateOperation<int>>(kel::Result<int>::success(5))));
+    auto fulfilled = await(
+        scheduler.promise(std::make_shared<ImmediateOperation<int>>(kel::Result<int>::success(5))));
     ASSERT_TRUE(fulfilled.isResolved());
     EXPECT_EQ(fulfilled.value(), 5);
 
-    auto rejected = await(scheduler.promise<int>(std::make_shared<ImmediateOperation<int>>(
+    auto rejected = await(scheduler.promise(std::make_shared<ImmediateOperation<int>>(
         kel::Result<int>::failed(kel::makeError(std::runtime_error("offline"))))));
     ASSERT_TRUE(rejected.isRejected());
     EXPECT_EQ(kel::errorDescription(rejected.error()), "offline");
 
     // An AsyncOperationError from the job itself cancels, just as cancellation before start.
-    auto reportedCancel = await(scheduler.promise<void>(std::make_shared<ImmediateOperation<void>>(
+    auto reportedCancel = await(scheduler.promise(std::make_shared<ImmediateOperation<void>>(
         kel::Result<void>::failed(kel::makeError(kel::AsyncOperationError::cancelled)))));
     EXPECT_TRUE(reportedCancel.isCancelled());
 
     auto cancelledFirst = std::make_shared<ImmediateOperation<int>>(kel::Result<int>::success(1));
     cancelledFirst->cancel();
-    EXPECT_TRUE(await(scheduler.promise<int>(cancelledFirst)).isCancelled());
+    EXPECT_TRUE(await(scheduler.promise(cancelledFirst)).isCancelled());
 }
 
 TEST(TaskSchedulerPromise, FromOperationSchedulesAtOnceThroughTheGivenCallable) {
@@ -183,7 +183,7 @@ TEST(TaskSchedulerPromise, SharedFormRunsOnTheSharedScheduler) {
       private:
         std::atomic<bool>& onShared_;
     };
-    EXPECT_TRUE(await(kel::TaskScheduler::shared().promise<int>(std::make_shared<Probe>(onShared)))
+    EXPECT_TRUE(await(kel::TaskScheduler::shared().promise(std::make_shared<Probe>(onShared)))
                     .isResolved());
     EXPECT_TRUE(onShared);
 }

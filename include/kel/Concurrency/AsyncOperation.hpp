@@ -46,6 +46,7 @@ std::string makeOperationID();
 template <class T>
 class AsyncOperation : public Operation {
   public:
+    using Value = T;
     using CompletionHandler = std::function<void(Result<T>)>;
 
     AsyncOperation() : operationID_(detail::makeOperationID()) {}

@@ -22,6 +22,7 @@
 // its queue alive, so releasing a scheduler does not drop work already scheduled.
 #pragma once
 
+#include <concepts>
 #include <memory>
 #include <string>
 #include <utility>
@@ -55,9 +56,12 @@ class TaskScheduler {
     // Runs operation on the concurrent operation queue. The promise is fulfilled with the
     // operation's value, rejected with its error, and cancelled when the error is an
     // AsyncOperationError (an operation cancelled before it started).
-    template <class T>
-    Promise<T> promise(std::shared_ptr<AsyncOperation<T>> operation) const {
-        return Promise<T>::fromOperation(std::move(operation),
+    template <class Op>
+    requires std::derived_from<Op, AsyncOperation<typename Op::Value>> Promise<typename Op::Value>
+    promise(std::shared_ptr<Op> operation)
+    const {
+        using T = typename Op::Value;
+        return Promise<T>::fromOperation(std::shared_ptr<AsyncOperation<T>>(std::move(operation)),
                                          [this](std::shared_ptr<AsyncOperation<T>> scheduled) {
                                              schedule(std::move(scheduled));
                                          });
