@@ -34,10 +34,14 @@ Resolution<T> await(const Promise<T>& promise) {
         signal->done = true;
         signal->settled.notify_all();
     });
-    std::unique_lock lock(signal->mutex);
-    if (!signal->settled.wait_for(lock, kTimeout, [&] { return signal->done; })) {
-        ADD_FAILURE() << "promise did not settle in time";
-        std::abort();
+    {
+        // Released before reading the promise: its handler takes this mutex under the
+        // promise's lock.
+        std::unique_lock lock(signal->mutex);
+        if (!signal->settled.wait_for(lock, kTimeout, [&] { return signal->done; })) {
+            ADD_FAILURE() << "promise did not settle in time";
+            std::abort();
+        }
     }
     return *promise.resolution();
 }
