@@ -143,11 +143,6 @@ void Pool::workerUnblocked() {
     --blocked_;
 }
 
-std::size_t Pool::threadCount() const {
-    std::lock_guard lock(mutex_);
-    return threads_;
-}
-
 void Pool::linkIdleLocked(Worker* worker) {
     worker->previousIdle = nullptr;
     worker->nextIdle = idleHead_;
@@ -155,7 +150,6 @@ void Pool::linkIdleLocked(Worker* worker) {
         idleHead_->previousIdle = worker;
     }
     idleHead_ = worker;
-    ++idle_;
 }
 
 void Pool::unlinkIdleLocked(Worker* worker) {
@@ -168,7 +162,6 @@ void Pool::unlinkIdleLocked(Worker* worker) {
         worker->nextIdle->previousIdle = worker->previousIdle;
     }
     worker->nextIdle = worker->previousIdle = nullptr;
-    --idle_;
 }
 
 void Pool::workerMain(Worker* self) {

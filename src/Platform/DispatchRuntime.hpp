@@ -228,10 +228,6 @@ class Pool {
     void workerBlocked();
     void workerUnblocked();
 
-    // Observability for tests and diagnostics.
-    std::size_t threadCount() const;
-    std::size_t hardLimit() const noexcept { return hardLimit_; }
-
   private:
     struct Worker {
         std::condition_variable wake;
@@ -254,11 +250,10 @@ class Pool {
 
     const std::size_t softLimit_;
     const std::size_t hardLimit_;
-    mutable std::mutex mutex_;  // guards everything below
+    std::mutex mutex_;  // guards everything below
     Ring<Item> items_;
     Worker* idleHead_ = nullptr;  // idle workers, most recently idle first
     std::size_t threads_ = 0;
-    std::size_t idle_ = 0;
     std::size_t blocked_ = 0;
     std::size_t starting_ = 0;          // woken or new workers that have not looked yet
     std::vector<Worker*> freeWorkers_;  // records of exited workers, reused, never freed

