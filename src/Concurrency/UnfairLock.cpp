@@ -11,6 +11,8 @@ namespace {
 static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t) &&
                   std::atomic<std::uint32_t>::is_always_lock_free,
               "the futex system call needs a plain 32-bit lock word");
+static_assert(sizeof(UnfairLock) == sizeof(void*) + 2 * sizeof(std::uint32_t),
+              "an UnfairLock is its virtual table pointer, its lock word and its option word");
 
 // How many times a contended lock() looks at the word before going to sleep. About as long as
 // a short critical section; beyond that a sleep is cheaper than burning the core.
@@ -43,7 +45,7 @@ inline void futexWakeOne(const std::atomic<std::uint32_t>& word) noexcept {
 // Spins while the lock is held by a thread that nobody sleeps on, and gives the last state
 // seen. Spinning stops at once when there are sleepers: then the lock is busy enough that
 // joining them is the better use of the core.
-std::uint32_t UnfairLock::spinWhileLocked() const {
+std::uint32_t UnfairLock::spinWhileLocked() const noexcept {
     std::uint32_t state = word_.load(std::memory_order_relaxed);
     for (int spins = 0; state == locked && spins < spinLimit; ++spins) {
         cpuRelax();
@@ -52,7 +54,7 @@ std::uint32_t UnfairLock::spinWhileLocked() const {
     return state;
 }
 
-void UnfairLock::lockContended() {
+void UnfairLock::lockContended() noexcept {
     std::uint32_t state = spinWhileLocked();
 
     // Freed while spinning: take it as uncontended if no one else got there first.
@@ -75,7 +77,7 @@ void UnfairLock::lockContended() {
     }
 }
 
-void UnfairLock::wakeOne() {
+void UnfairLock::wakeOne() noexcept {
     futexWakeOne(word_);
 }
 

@@ -7,7 +7,6 @@
 #include <iterator>
 #include <limits>
 #include <ranges>
-#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -32,50 +31,31 @@ struct Flags8 : kel::OptionSet<Flags8, std::uint8_t> {
 template <class Set>
 std::vector<typename Set::RawValue> rawElements(Set set) {
     std::vector<typename Set::RawValue> raws;
-    for (Set element : set.elements()) {
-        raws.push_back(element.rawValue());
-    }
+    std::ranges::transform(set.elements(), std::back_inserter(raws),
+                           [](Set element) { return element.rawValue(); });
     return raws;
 }
 
 using Raws = std::vector<long long>;
 
-TEST(OptionSetConstruction, FromListRawValueAndNothing) {
-    EXPECT_TRUE(Shipping{}.isEmpty());
-    EXPECT_TRUE(Shipping({}).isEmpty());
-    EXPECT_EQ((Shipping{Shipping::nextDay, Shipping::priority}).rawValue(), 5);
-    EXPECT_EQ((Shipping{Shipping::nextDay, Shipping::nextDay}).rawValue(), 1);  // duplicates
-    EXPECT_EQ(Shipping(5), (Shipping{Shipping::priority, Shipping::nextDay}));
-    EXPECT_NE(Shipping(5), Shipping(4));
-    // Unknown bits are kept as given.
-    EXPECT_EQ(Shipping(0x300).rawValue(), 0x300);
-    static_assert(Shipping{Shipping::secondDay, Shipping::standard}.rawValue() == 10);
-}
-
-TEST(OptionSetAlgebra, UnionIntersectionDifferenceAndRelations) {
+TEST(OptionSetAlgebra, CombinesAndComparesSets) {
     const Shipping fast{Shipping::nextDay, Shipping::secondDay};
     const Shipping premium{Shipping::secondDay, Shipping::priority};
+    EXPECT_EQ((Shipping{Shipping::nextDay, Shipping::nextDay}), Shipping(1));
+    EXPECT_TRUE(Shipping({}).isEmpty());
 
     EXPECT_EQ(fast | premium, Shipping(7));
     EXPECT_EQ(fast & premium, Shipping::secondDay);
     EXPECT_EQ(fast ^ premium, (Shipping{Shipping::nextDay, Shipping::priority}));
     EXPECT_EQ(fast - premium, Shipping::nextDay);
-
     Shipping set = fast;
     set |= Shipping::standard;
     set -= Shipping::nextDay;
-    EXPECT_EQ(set, (Shipping{Shipping::secondDay, Shipping::standard}));
-    set &= premium;
-    EXPECT_EQ(set, Shipping::secondDay);
-    set ^= Shipping::secondDay;
-    EXPECT_TRUE(set.isEmpty());
+    EXPECT_EQ(set, Shipping(10));
 
-    EXPECT_TRUE(fast.contains(Shipping::nextDay));
-    EXPECT_FALSE(fast.contains(Shipping::priority));
-    EXPECT_FALSE(fast.contains(Shipping{Shipping::nextDay, Shipping::priority}));  // all bits
+    EXPECT_FALSE(fast.contains(Shipping{Shipping::nextDay, Shipping::priority}));  // every bit
     EXPECT_TRUE(fast.contains(Shipping{}));
     EXPECT_TRUE(Shipping::nextDay.isSubset(fast));
-    EXPECT_TRUE(fast.isSuperset(Shipping::secondDay));
     EXPECT_FALSE(fast.isSubset(premium));
     EXPECT_TRUE(fast.isDisjoint(Shipping::standard));
     EXPECT_FALSE(fast.isDisjoint(premium));
@@ -91,46 +71,28 @@ TEST(OptionSetAlgebra, InsertAndRemoveReportWhatChanged) {
     EXPECT_EQ(set.remove(Shipping::standard), std::nullopt);
     EXPECT_EQ(set.remove(Shipping{Shipping::priority, Shipping::standard}), Shipping::priority);
     EXPECT_EQ(set, Shipping::nextDay);
-    EXPECT_EQ(set.remove(Shipping::nextDay), Shipping::nextDay);
-    EXPECT_TRUE(set.isEmpty());
 }
 
 TEST(OptionSetElements, SingleBitsLowestFirst) {
     EXPECT_EQ(rawElements(Shipping(5)), (Raws{1, 4}));
     EXPECT_EQ(rawElements(Shipping{}), Raws{});
     EXPECT_EQ(rawElements(Shipping(0b1011'0000'0001)), (Raws{1, 0x100, 0x200, 0x800}));
-    EXPECT_EQ(rawElements(Flags8(0xFF)), (std::vector<std::uint8_t>{1, 2, 4, 8, 16, 32, 64, 128}));
-}
-
-TEST(OptionSetElements, TheSignBitIsAMemberLikeAnyOther) {
+    EXPECT_EQ(rawElements(Flags8(0x81)), (std::vector<std::uint8_t>{1, 128}));
+    // The sign bit is a member like any other.
     constexpr long long signBit = std::numeric_limits<long long>::min();
     EXPECT_EQ(rawElements(Shipping(signBit | 2)), (Raws{2, signBit}));
     EXPECT_EQ(rawElements(Shipping(-1)).size(), 64u);
 }
 
-TEST(OptionSetElements, IsALazyRangeThatOutlivesItsSet) {
-    static_assert(std::ranges::forward_range<decltype(Shipping{}.elements())>);
+TEST(OptionSetElements, IsALazyViewThatOutlivesItsSet) {
     static_assert(std::ranges::view<decltype(Shipping{}.elements())>);
+    static_assert(std::ranges::forward_range<decltype(Shipping{}.elements())>);
 
     auto elements = [] { return Shipping(12).elements(); }();  // the set is gone
     auto doubled = elements | std::views::transform([](Shipping s) { return s.rawValue() * 2; });
     Raws values;
     std::ranges::copy(doubled, std::back_inserter(values));
     EXPECT_EQ(values, (Raws{8, 16}));
-    EXPECT_EQ(std::ranges::distance(Shipping(0x0F0F).elements()), 8);
-
-    // The range is a sequence of the option set type, so elements combine back into the set.
-    Shipping rebuilt;
-    for (Shipping element : Shipping(0b1101).elements()) {
-        rebuilt |= element;
-    }
-    EXPECT_EQ(rebuilt, Shipping(0b1101));
-}
-
-TEST(OptionSetHashing, DistinctSetsAreDistinctKeys) {
-    std::unordered_set<Shipping, Shipping::Hash> seen{Shipping::nextDay, Shipping(1), Shipping(3)};
-    EXPECT_EQ(seen.size(), 2u);
-    EXPECT_TRUE(seen.contains(Shipping{Shipping::nextDay, Shipping::secondDay}));
 }
 
 }  // namespace

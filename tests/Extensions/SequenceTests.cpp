@@ -8,6 +8,7 @@
 #include <ranges>
 #include <sstream>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -22,7 +23,6 @@ TEST(SequenceUnique, KeepsFirstOccurrencesInOrder) {
     EXPECT_EQ(kel::unique(std::vector{3, 1, 3, 2, 1, 3}), (std::vector{3, 1, 2}));
     EXPECT_EQ(kel::unique(std::vector<int>{}), std::vector<int>{});
     EXPECT_EQ(kel::unique(std::vector{7, 7, 7}), std::vector{7});
-    EXPECT_EQ(kel::unique(std::vector{1, 2, 3}), (std::vector{1, 2, 3}));
 
     const std::forward_list<std::string> words{"b", "a", "b", "", "a", ""};
     EXPECT_EQ(kel::unique(words), (std::vector<std::string>{"b", "a", ""}));
@@ -56,10 +56,7 @@ TEST(ZippedMap, PairsKeysWithValuesUpToTheShorterSequence) {
     const std::vector<std::string> keys{"a", "b", "c"};
     const std::vector<int> values{1, 2};
     const auto map = kel::zippedMap(keys, values);
-    EXPECT_EQ(map.size(), 2u);
-    EXPECT_EQ(map.at("a"), 1);
-    EXPECT_EQ(map.at("b"), 2);
-    EXPECT_FALSE(map.contains("c"));
+    EXPECT_EQ(map, (std::unordered_map<std::string, int>{{"a", 1}, {"b", 2}}));
 
     EXPECT_TRUE(kel::zippedMap(std::vector<int>{}, values).empty());
     EXPECT_TRUE(kel::zippedMap(keys, std::vector<int>{}).empty());

@@ -27,8 +27,8 @@ class MutexLock final : public Lock {
         pthread_mutex_init(&mutex_, nullptr);
     }
 
-    void lock() override { pthread_mutex_lock(&mutex_); }
-    void unlock() override { pthread_mutex_unlock(&mutex_); }
+    void lock() noexcept override { pthread_mutex_lock(&mutex_); }
+    void unlock() noexcept override { pthread_mutex_unlock(&mutex_); }
 
     // Takes the lock if it is free, without waiting; true if taken. With it the lock is
     // Lockable, so std::scoped_lock can take several locks at once.

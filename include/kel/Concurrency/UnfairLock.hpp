@@ -32,7 +32,8 @@ class UnfairLock final : public Lock {
     // The options a lock is made with.
     struct Options : OptionSet<Options, std::int64_t> {
         using OptionSet::OptionSet;
-        // A hint that the lock guards data shared with other threads' synchronous work.
+        // A hint that the lock only guards data: its holder can always finish and release it
+        // without help from another thread of the process.
         static const Options dataSynchronization;
     };
 
@@ -42,7 +43,7 @@ class UnfairLock final : public Lock {
     explicit UnfairLock(Options options) noexcept
         : optionWord_((options.rawValue() & 1) != 0 ? dataSynchronizationWord : 0) {}
 
-    void lock() override {
+    void lock() noexcept override {
         std::uint32_t expected = unlocked;
         if (!word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
                                            std::memory_order_relaxed)) [[unlikely]] {
@@ -50,7 +51,7 @@ class UnfairLock final : public Lock {
         }
     }
 
-    void unlock() override {
+    void unlock() noexcept override {
         if (word_.exchange(unlocked, std::memory_order_release) == contended) [[unlikely]] {
             wakeOne();
         }
@@ -78,9 +79,9 @@ class UnfairLock final : public Lock {
     static constexpr std::uint32_t locked = 1;
     static constexpr std::uint32_t contended = 2;
 
-    void lockContended();
-    std::uint32_t spinWhileLocked() const;
-    void wakeOne();
+    void lockContended() noexcept;
+    std::uint32_t spinWhileLocked() const noexcept;
+    void wakeOne() noexcept;
 
     std::atomic<std::uint32_t> word_{unlocked};  // the lock word itself; futex address
     const std::uint32_t optionWord_;             // set once at construction

@@ -8,14 +8,15 @@
 // nlohmann::json (`nlohmann::json j = range;` and `j.get<kel::ClosedRange<int>>()`). Decoding
 // anything else (not an array, not two elements, elements of the wrong type, bounds the wrong
 // way round) throws kel::ClosedRangeDecodingError with a message saying what was wrong, since
-// bad input is not a programming error.
+// bad input is not a programming error. This header needs only nlohmann's forward declarations;
+// code that encodes or decodes includes <nlohmann/json.hpp> itself.
 //
 // Thread rules: a value type; no shared state.
 #pragma once
 
 #include "kel/Platform/FatalError.hpp"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <concepts>
 #include <stdexcept>
