@@ -2,6 +2,8 @@
 #include "kel/Platform/UUID.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cctype>
@@ -50,6 +52,30 @@ TEST(UUIDGeneration, NewIdentifiersDoNotRepeat) {
     for (int i = 0; i < 10000; ++i) {
         EXPECT_TRUE(seen.insert(kel::UUID()).second);
     }
+}
+
+TEST(UUIDGeneration, ForkedChildDoesNotRepeatTheParentsNextIdentifier) {
+    kel::UUID warmUp;  // leaves buffered random bytes behind in this thread
+    (void)warmUp;
+    int channel[2];
+    ASSERT_EQ(::pipe(channel), 0);
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        kel::UUID inChild;
+        ssize_t written = ::write(channel[1], inChild.bytes().data(), inChild.bytes().size());
+        ::_exit(written == static_cast<ssize_t>(inChild.bytes().size()) ? 0 : 1);
+    }
+    kel::UUID inParent;
+    kel::UUID::Bytes fromChild{};
+    ASSERT_EQ(::read(channel[0], fromChild.data(), fromChild.size()),
+              static_cast<ssize_t>(fromChild.size()));
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(channel[0]);
+    ::close(channel[1]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_NE(kel::UUID(fromChild), inParent);
 }
 
 TEST(SecureRandomUniform, StaysInRangeAndReachesEveryValue) {

@@ -2,7 +2,10 @@
 // system (getrandom(2)), for identifiers that must not collide or be guessed.
 //
 // secureRandomUniform(n) draws uniformly from [0, n) without modulo bias, as arc4random_uniform
-// does. Both block only while the kernel's pool is still uninitialised early at boot.
+// does. Small requests are served from a per-thread buffer filled by one getrandom call (bytes
+// are wiped once handed out, and the buffer is discarded in a forked child so parent and child
+// never share bytes). Both block only while the kernel's pool is still uninitialised early at
+// boot.
 //
 // Thread rules: callable from any thread.
 #pragma once
