@@ -82,20 +82,4 @@ void secureRandomBytes(void* data, std::size_t size) {
     buffer.take(out, size);
 }
 
-std::uint32_t secureRandomUniform(std::uint32_t upperBound) {
-    if (upperBound < 2) {
-        return 0;
-    }
-    // Reject the values below 2^32 mod upperBound, so that the remaining range is a whole
-    // multiple of upperBound and every residue is equally likely.
-    const std::uint32_t threshold = (0u - upperBound) % upperBound;
-    for (;;) {
-        std::uint32_t candidate = 0;
-        secureRandomBytes(&candidate, sizeof candidate);
-        if (candidate >= threshold) {
-            return candidate % upperBound;
-        }
-    }
-}
-
 }  // namespace kel

@@ -20,6 +20,7 @@ struct ImageView {
 };
 
 using Applicator = kel::AsyncObjectApplicator<ImageView, std::string>;
+using Images = std::vector<std::string>;
 
 void show(ImageView& view, const std::string& image) {
     view.shown.push_back(image);
@@ -28,87 +29,64 @@ void show(ImageView& view, const std::string& image) {
 TEST(AsyncObjectApplicatorOrder, OnlyTheLatestPromisePerObjectIsApplied) {
     Applicator applicator;
     auto view = std::make_shared<ImageView>();
-    kel::DeferredPromise<std::string> older;
-    kel::DeferredPromise<std::string> newer;
+    auto other = std::make_shared<ImageView>();
+    kel::DeferredPromise<std::string> older, newer;
     applicator.apply(view, older.promise, show);
     applicator.apply(view, newer.promise, show);
+    applicator.apply(other, kel::Promise<std::string>::fulfilled("other"), show);
 
-    // The newer value arrives first, the older one after it: the older must not overwrite it.
     newer.resolve("new");
     pumpUntil([&] { return !view->shown.empty(); });
-    older.resolve("old");
+    older.resolve("old");  // arrives after the newer one was applied
     drainMainQueue();
-    EXPECT_EQ(view->shown, std::vector<std::string>{"new"});
+    EXPECT_EQ(view->shown, Images{"new"});
+    EXPECT_EQ(other->shown, Images{"other"});
 
-    // The other way round: an older value arriving first is dropped as well.
-    kel::DeferredPromise<std::string> first;
-    kel::DeferredPromise<std::string> second;
+    kel::DeferredPromise<std::string> first, second;
     applicator.apply(view, first.promise, show);
     applicator.apply(view, second.promise, show);
-    first.resolve("first");
+    first.resolve("first");  // arrives before the newer one
     second.resolve("second");
-    pumpUntil([&] { return view->shown.size() == 2; });
+    applicator.apply(other, kel::Promise<std::string>::rejected(std::runtime_error("none")), show);
     drainMainQueue();
-    EXPECT_EQ(view->shown, (std::vector<std::string>{"new", "second"}));
-}
-
-TEST(AsyncObjectApplicatorOrder, ObjectsAreIndependentAndFailuresApplyNothing) {
-    Applicator applicator;
-    auto left = std::make_shared<ImageView>();
-    auto right = std::make_shared<ImageView>();
-    applicator.apply(left, kel::Promise<std::string>::fulfilled("l"), show);
-    applicator.apply(right, kel::Promise<std::string>::fulfilled("r"), show);
-    pumpUntil([&] { return !left->shown.empty() && !right->shown.empty(); });
-    EXPECT_EQ(left->shown, std::vector<std::string>{"l"});
-    EXPECT_EQ(right->shown, std::vector<std::string>{"r"});
-
-    applicator.apply(left, kel::Promise<std::string>::rejected(std::runtime_error("no image")),
-                     show);
-    drainMainQueue();
-    EXPECT_EQ(left->shown, std::vector<std::string>{"l"});
+    EXPECT_EQ(view->shown, (Images{"new", "second"}));
+    EXPECT_EQ(other->shown, Images{"other"});
 }
 
 TEST(AsyncObjectApplicatorThreads, AppliesOnTheMainThreadWhateverThreadAsked) {
     Applicator applicator;
     auto view = std::make_shared<ImageView>();
     bool onMain = false;
-    std::thread caller([&] {
+    std::thread([&] {
         applicator.apply(view, kel::Promise<std::string>::fulfilled("x"),
                          [&](const std::shared_ptr<ImageView>& target, const std::string& image) {
                              onMain = kel::isMainThread();
-                             target->shown.push_back(image);
+                             show(*target, image);
                          });
-    });
-    caller.join();
+    }).join();
     pumpUntil([&] { return !view->shown.empty(); });
     EXPECT_TRUE(onMain);
 }
 
-TEST(AsyncObjectApplicatorLifetime, DoesNotKeepObjectsAliveAndDropsDeadOnes) {
-    Applicator applicator;
-    auto view = std::make_shared<ImageView>();
-    std::weak_ptr<ImageView> watcher = view;
-    kel::DeferredPromise<std::string> pending;
-    bool called = false;
-    applicator.apply(view, pending.promise, [&](ImageView&, const std::string&) { called = true; });
+TEST(AsyncObjectApplicatorLifetime, DropsDeadObjectsAndOutlivesItsApplicator) {
+    auto applicator = std::make_unique<Applicator>();
+    auto doomed = std::make_shared<ImageView>();
+    std::weak_ptr<ImageView> watcher = doomed;
+    auto survivor = std::make_shared<ImageView>();
+    kel::DeferredPromise<std::string> forDoomed, forSurvivor;
+    bool doomedApplied = false;
+    applicator->apply(doomed, forDoomed.promise,
+                      [&](ImageView&, const std::string&) { doomedApplied = true; });
+    applicator->apply(survivor, forSurvivor.promise, show);
 
-    view.reset();
-    EXPECT_TRUE(watcher.expired());
-    pending.resolve("late");
+    doomed.reset();
+    EXPECT_TRUE(watcher.expired()) << "a pending application kept its object alive";
+    forDoomed.resolve("late");
+    applicator.reset();
+    forSurvivor.resolve("after the applicator");
     drainMainQueue();
-    EXPECT_FALSE(called);
-}
-
-TEST(AsyncObjectApplicatorLifetime, PendingApplicationsOutliveTheApplicatorHarmlessly) {
-    auto view = std::make_shared<ImageView>();
-    kel::DeferredPromise<std::string> pending;
-    {
-        Applicator applicator;
-        applicator.apply(view, pending.promise, show);
-    }
-    pending.resolve("after");
-    drainMainQueue();
-    EXPECT_TRUE(view->shown.empty());
+    EXPECT_FALSE(doomedApplied);
+    EXPECT_TRUE(survivor->shown.empty());
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Helpers for the scheduler tests: waiting for promises from any thread and pumping the main
-// queue, with a generous time-out that only a fault can reach.
+// Helpers for the scheduler tests: waiting for promises and gates from any thread and pumping
+// the main queue, with a time-out that only a fault reaches (it aborts rather than hang).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,46 +19,7 @@ namespace kel::schedulertest {
 
 inline constexpr std::chrono::seconds kTimeout{20};
 
-// Blocks until the promise settles and returns how it settled; stops the test binary if it
-// does not, since a hung promise would otherwise hang the suite.
-template <class T>
-Resolution<T> await(const Promise<T>& promise) {
-    struct Signal {
-        std::mutex mutex;
-        std::condition_variable settled;
-        bool done = false;  // guarded by mutex
-    };
-    auto signal = std::make_shared<Signal>();
-    promise.always(zalgo(), [signal] {
-        std::lock_guard lock(signal->mutex);
-        signal->done = true;
-        signal->settled.notify_all();
-    });
-    {
-        // Released before reading the resolution: handlers take this mutex under the
-        // promise's lock, so taking the promise's lock under it would invert the order.
-        std::unique_lock lock(signal->mutex);
-        if (!signal->settled.wait_for(lock, kTimeout, [&] { return signal->done; })) {
-            ADD_FAILURE() << "promise did not settle in time";
-            std::abort();
-        }
-    }
-    return *promise.resolution();
-}
-
-// Pumps the main queue until predicate() holds; fails the test on time-out.
-inline void pumpUntil(const std::function<bool()>& predicate) {
-    ASSERT_TRUE(RunLoop::runUntil(predicate, kTimeout)) << "condition not reached in time";
-}
-
-// Pumps the main queue until everything submitted to it so far has run.
-inline void drainMainQueue() {
-    bool reached = false;
-    DispatchQueue::main().async([&reached] { reached = true; });
-    pumpUntil([&] { return reached; });
-}
-
-// A gate that one thread opens and others wait on.
+// A flag that one thread opens and others wait on.
 class Gate {
   public:
     void open() {
@@ -69,7 +30,7 @@ class Gate {
     void wait() {
         std::unique_lock lock(mutex_);
         if (!opened_.wait_for(lock, kTimeout, [&] { return open_; })) {
-            ADD_FAILURE() << "gate not opened in time";
+            ADD_FAILURE() << "not reached in time";
             std::abort();
         }
     }
@@ -79,5 +40,26 @@ class Gate {
     std::condition_variable opened_;
     bool open_ = false;  // guarded by mutex_
 };
+
+// Blocks until the promise settles and returns how it settled.
+template <class T>
+Resolution<T> await(const Promise<T>& promise) {
+    auto settled = std::make_shared<Gate>();
+    promise.always(zalgo(), [settled] { settled->open(); });
+    // Read after the gate's mutex is released: handlers take it under the promise's lock.
+    settled->wait();
+    return *promise.resolution();
+}
+
+inline void pumpUntil(const std::function<bool()>& predicate) {
+    ASSERT_TRUE(RunLoop::runUntil(predicate, kTimeout)) << "condition not reached in time";
+}
+
+// Pumps the main queue until everything submitted to it so far has run.
+inline void drainMainQueue() {
+    bool reached = false;
+    DispatchQueue::main().async([&reached] { reached = true; });
+    pumpUntil([&] { return reached; });
+}
 
 }  // namespace kel::schedulertest
