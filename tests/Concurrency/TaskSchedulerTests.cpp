@@ -138,9 +138,19 @@ TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
     EXPECT_TRUE(await(scheduler.promise(immediate(kel::Result<void>::failed(
                           kel::makeError(kel::AsyncOperationError::cancelled)))))
                     .isCancelled());
+    // Cancelled before it starts, an operation keeps its queue slot for good (it never reports
+    // finished), so this case starts it by hand through fromOperation's scheduling callable.
     auto cancelledFirst = immediate(kel::Result<int>::success(1));
     cancelledFirst->cancel();
-    EXPECT_TRUE(await(scheduler.promise(cancelledFirst)).isCancelled());
+    int scheduled = 0;
+    auto cancelled = kel::Promise<int>::fromOperation(
+        cancelledFirst, [&](const std::shared_ptr<kel::AsyncOperation<int>>& operation) {
+            ++scheduled;
+            operation->start();
+        });
+    EXPECT_EQ(scheduled, 1);
+    ASSERT_TRUE(cancelled.resolution().has_value());
+    EXPECT_TRUE(cancelled.resolution()->isCancelled());
 }
 
 }  // namespace
