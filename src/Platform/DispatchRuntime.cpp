@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <string_view>
 #include <thread>
 
 #include "kel/Platform/FatalError.hpp"
@@ -33,11 +34,16 @@ constexpr auto longestTimerWait = std::chrono::hours(1);
 thread_local bool onWorkerThread = false;
 thread_local char currentThreadName[16] = {};
 
-// Names the calling thread after a queue label (the kernel keeps 15 characters). Renaming is a
-// system call, so it happens only when the name changes.
+std::size_t hardwareThreads() {
+    unsigned n = std::thread::hardware_concurrency();
+    return n == 0 ? 2 : n;
+}
+
+}  // namespace
+
 void nameThread(const std::string& label) {
     char name[16];
-    const std::string& shown = label.empty() ? std::string("kel.queue") : label;
+    std::string_view shown = label.empty() ? std::string_view("kel.queue") : label;
     std::size_t length = std::min<std::size_t>(shown.size(), 15);
     std::memcpy(name, shown.data(), length);
     name[length] = '\0';
@@ -46,13 +52,6 @@ void nameThread(const std::string& label) {
         ::pthread_setname_np(::pthread_self(), name);
     }
 }
-
-std::size_t hardwareThreads() {
-    unsigned n = std::thread::hardware_concurrency();
-    return n == 0 ? 2 : n;
-}
-
-}  // namespace
 
 void runWork(Task& task) noexcept {
     task();

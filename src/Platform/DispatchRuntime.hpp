@@ -215,6 +215,10 @@ class BlockingScope {
 // Runs a work item; an exception escaping it ends the process, as with std::thread.
 void runWork(Task& task) noexcept;
 
+// Names the calling thread after a queue label (the kernel keeps 15 characters). Renaming is a
+// system call, so it happens only when the name changes.
+void nameThread(const std::string& label);
+
 // The worker pool.
 class Pool {
   public:

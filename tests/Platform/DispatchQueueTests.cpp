@@ -1,6 +1,7 @@
 #include "kel/Platform/DispatchQueue.hpp"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -261,6 +263,24 @@ TEST(DispatchPool, BlockedWorkersDoNotStarveTheWorkTheyWaitFor) {
     DispatchQueue::global(kel::DispatchQoS::utility).async([&] { gate.leave(); });
     expectEmpties(done);
     EXPECT_EQ(released.load(), blockers);
+}
+
+TEST(DispatchPool, WorkersAreNamedAfterTheQueueTheyRun) {
+    auto nameInside = [](const DispatchQueue& queue) {
+        std::string name;
+        DispatchGroup group;
+        queue.async(group, [&] {
+            char buffer[16] = {};
+            pthread_getname_np(pthread_self(), buffer, sizeof buffer);
+            name = buffer;
+        });
+        EXPECT_TRUE(group.wait(DispatchTime::now() + 30.0));
+        return name;
+    };
+    EXPECT_EQ(nameInside(DispatchQueue("com.example.database.writer")), "com.example.dat");
+    EXPECT_EQ(nameInside(DispatchQueue("decode", kel::DispatchQoS::utility,
+                                       DispatchQueue::Attributes::concurrent)),
+              "decode");
 }
 
 TEST(DispatchQueueIdentity, EqualityIsIdentityNotLabel) {

@@ -5,7 +5,8 @@
 // maxConcurrentOperationCount at a time (-1: no limit), each by calling start() on the
 // underlying dispatch queue (by default a concurrent queue of the pool labelled with the queue's
 // name). A slot is free again when the operation reports finished through its "isFinished" key,
-// so asynchronous operations that finish later on another thread hold their slot until then.
+// so asynchronous operations that finish later on another thread hold their slot until then;
+// one that never reports finished keeps its slot (and stays in operations()) for good.
 //
 // Thread rules: every member may be called from any thread.
 //
