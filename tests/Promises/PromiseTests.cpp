@@ -342,13 +342,5 @@ TEST(PromiseValues, CallablesAndValuesAreNotCopiedAlongTheChain) {
     EXPECT_EQ(copies->load(), 0);
 }
 
-TEST(PromiseIdentity, CopiesAreTheSamePromise) {
-    auto a = Promise<int>::fulfilled(1);
-    auto b = a;
-    EXPECT_TRUE(a == b);
-    EXPECT_FALSE(a == Promise<int>::fulfilled(1));
-    EXPECT_TRUE(a.error(zalgo(), [](const Error&) {}) == a);
-}
-
 }  // namespace
 }  // namespace kel

@@ -38,7 +38,8 @@ namespace kel {
 
 namespace detail {
 
-// Records the outcome of each input of a tuple join, one slot per input.
+// Records the outcome of each input of a tuple join, one slot per input: slot I is written only
+// by input I's handler and read only by the group notification, after every handler has left.
 template <class... Ts>
 struct TupleJoinState {
     std::tuple<std::optional<ValueOrVoid<Ts>>...> values;
