@@ -6,7 +6,9 @@
 // frees its slot in the operation queue, and calls the public `completion`, if set, with the
 // result. Cancelled before it starts, the operation does not run perform: start() calls
 // `completion` with AsyncOperationError::cancelled and leaves the state as it is (the
-// operation never reports itself executing or finished).
+// operation never reports itself executing or finished). Mind the consequence: an operation
+// queue keeps such an operation, and its slot, for good, so on a queue limited to one
+// operation (TaskScheduler's serial queue) nothing queued after it runs.
 //
 // State: ready -> executing -> finished, never back. isReady() is false once the operation
 // has started, whatever its dependencies; isExecuting() and isFinished() follow the state.

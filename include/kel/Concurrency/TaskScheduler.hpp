@@ -56,11 +56,9 @@ class TaskScheduler {
     // Runs operation on the concurrent operation queue. The promise is fulfilled with the
     // operation's value, rejected with its error, and cancelled when the error is an
     // AsyncOperationError (an operation cancelled before it started).
-    template <class Op>
-    requires std::derived_from<Op, AsyncOperation<typename Op::Value>> Promise<typename Op::Value>
-    promise(std::shared_ptr<Op> operation)
-    const {
-        using T = typename Op::Value;
+    template <class Op, class T = typename Op::Value>
+    Promise<T> promise(std::shared_ptr<Op> operation) const {
+        static_assert(std::derived_from<Op, AsyncOperation<T>>, "promise takes an AsyncOperation");
         return Promise<T>::fromOperation(std::shared_ptr<AsyncOperation<T>>(std::move(operation)),
                                          [this](std::shared_ptr<AsyncOperation<T>> scheduled) {
                                              schedule(std::move(scheduled));
