@@ -1,5 +1,6 @@
 #include "kel/Concurrency/Synchronizer.hpp"
 
+#include <optional>
 #include <utility>
 
 namespace kel {
