@@ -1,0 +1,86 @@
+// kel::TaskScheduler — the library's standard places to run work.
+//
+// A scheduler named N owns three queues:
+//   - concurrentDispatchQueue(): the concurrent dispatch queue "N.TaskScheduler.concurrentDQ"
+//     (quality of service default); callbackQueue() answers it;
+//   - concurrentOperationQueue(): "N.TaskScheduler.concurrentOQ", no limit on concurrent
+//     operations, running on the concurrent dispatch queue;
+//   - serialOperationQueue(): "N.TaskScheduler.serialOQ", one operation at a time, in order.
+// schedule(...) runs work on the concurrent operation queue; scheduleLowPriority(...) on the
+// serial one (low priority here means serialised: one item at a time, in submission order);
+// scheduleAfter(seconds, block) adds the block to the concurrent operation queue once the delay
+// has passed; promise(operation) runs an AsyncOperation there and answers with its result.
+//
+// TaskScheduler::shared() is the scheduler named "default", created once, thread-safely, on first
+// use and never destroyed (pool threads may still use it while the process exits). Work meant
+// for the shared scheduler is spelled TaskScheduler::shared().schedule(...) and so on: C++ does
+// not allow a static and a member function with the same parameters, so the class-wide forms are
+// reached through shared().
+//
+// Thread rules: every operation may be called from any thread.
+// Ownership: shared-owned (std::make_shared); the scheduler owns its queues. Queued work keeps
+// its queue alive, so releasing a scheduler does not drop work already scheduled.
+#pragma once
+
+#include <concepts>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "kel/Concurrency/AsyncOperation.hpp"
+#include "kel/Platform/DispatchQueue.hpp"
+#include "kel/Platform/Operation.hpp"
+#include "kel/Platform/OperationQueue.hpp"
+#include "kel/Platform/Task.hpp"
+#include "kel/Promises/Promise.hpp"
+
+namespace kel {
+
+class TaskScheduler {
+  public:
+    explicit TaskScheduler(const std::string& name);
+
+    TaskScheduler(const TaskScheduler&) = delete;
+    TaskScheduler& operator=(const TaskScheduler&) = delete;
+
+    // The scheduler named "default".
+    static TaskScheduler& shared();
+
+    void schedule(std::shared_ptr<Operation> operation) const;
+    void schedule(Task block) const;
+    void scheduleLowPriority(std::shared_ptr<Operation> operation) const;
+    void scheduleLowPriority(Task block) const;
+    // Adds block to the concurrent operation queue no earlier than seconds from now.
+    void scheduleAfter(double seconds, Task block) const;
+
+    // Runs operation on the concurrent operation queue. The promise is fulfilled with the
+    // operation's value, rejected with its error, and cancelled when the error is an
+    // AsyncOperationError (an operation cancelled before it started).
+    template <class Op, class T = typename Op::Value>
+    Promise<T> promise(std::shared_ptr<Op> operation) const {
+        static_assert(std::derived_from<Op, AsyncOperation<T>>, "promise takes an AsyncOperation");
+        return Promise<T>::fromOperation(std::shared_ptr<AsyncOperation<T>>(std::move(operation)),
+                                         [this](std::shared_ptr<AsyncOperation<T>> scheduled) {
+                                             schedule(std::move(scheduled));
+                                         });
+    }
+
+    // The queue on which callers may run continuations of scheduled work.
+    const DispatchQueue& callbackQueue() const { return concurrentDispatchQueue_; }
+
+    const DispatchQueue& concurrentDispatchQueue() const { return concurrentDispatchQueue_; }
+    const std::shared_ptr<OperationQueue>& concurrentOperationQueue() const {
+        return concurrentOperationQueue_;
+    }
+    const std::shared_ptr<OperationQueue>& serialOperationQueue() const {
+        return serialOperationQueue_;
+    }
+
+  private:
+    // Set once in the constructor and only read afterwards; the queues synchronise themselves.
+    DispatchQueue concurrentDispatchQueue_;
+    std::shared_ptr<OperationQueue> concurrentOperationQueue_;
+    std::shared_ptr<OperationQueue> serialOperationQueue_;
+};
+
+}  // namespace kel
