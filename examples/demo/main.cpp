@@ -11,6 +11,7 @@
 #include "DispatchDemo.hpp"
 #include "FoundationDemo.hpp"
 #include "PromisesDemo.hpp"
+#include "SchedulersDemo.hpp"
 #include "UtilitiesDemo.hpp"
 
 namespace {
@@ -39,6 +40,7 @@ int main() {
     runFoundationDemo();
     runDispatchDemo();
     runPromisesDemo();
+    runSchedulersDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.

@@ -2,8 +2,13 @@
 // Written by scripts/update-umbrella.sh; a test fails when it is out of date.
 #pragma once
 
+#include "kel/Concurrency/AsyncObjectApplicator.hpp"
+#include "kel/Concurrency/AsyncOperation.hpp"
+#include "kel/Concurrency/AsyncOperationError.hpp"
 #include "kel/Concurrency/Lock.hpp"
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Concurrency/Synchronizer.hpp"
+#include "kel/Concurrency/TaskScheduler.hpp"
 #include "kel/Concurrency/UnfairLock.hpp"
 #include "kel/Extensions/Array.hpp"
 #include "kel/Extensions/ClosedRange.hpp"
@@ -30,8 +35,11 @@
 #include "kel/Platform/Operation.hpp"
 #include "kel/Platform/OperationQueue.hpp"
 #include "kel/Platform/RunLoop.hpp"
+#include "kel/Platform/SecureRandom.hpp"
 #include "kel/Platform/Task.hpp"
+#include "kel/Platform/UUID.hpp"
 #include "kel/Platform/UserDefaults.hpp"
+#include "kel/Platform/WeakMapTable.hpp"
 #include "kel/Promises/AsyncMain.hpp"
 #include "kel/Promises/DeferredPromise.hpp"
 #include "kel/Promises/Firstly.hpp"
