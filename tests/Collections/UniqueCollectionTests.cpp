@@ -96,6 +96,28 @@ TEST(UniqueCollectionRemoving, RemovesByPositionAndIdentifier) {
     EXPECT_EQ(collection.indexOf("b"), 2u);
 }
 
+TEST(UniqueCollectionBuilding, CopiesAndMovesAreIndependentCollections) {
+    kel::UniqueCollection<std::string> original{"a", "b", "c"};
+    kel::UniqueCollection<std::string> copy = original;
+    copy.prepend("z");
+    copy.removeFor("b");
+    EXPECT_EQ(original.array(), (Strings{"a", "b", "c"}));
+    EXPECT_EQ(original.indexOf("c"), 2u);
+    EXPECT_EQ(copy.indexOf("c"), 2u);
+
+    original = copy;
+    original.move("z", 2);
+    EXPECT_EQ(original.array(), (Strings{"a", "c", "z"}));
+    EXPECT_EQ(copy.array(), (Strings{"z", "a", "c"}));
+
+    kel::UniqueCollection<std::string> moved = std::move(original);
+    moved.insert("m", 1);
+    EXPECT_EQ(moved.indexOf("z"), 3u);
+    EXPECT_TRUE(original.empty());  // a moved-from collection is left empty
+    original.append("a");
+    EXPECT_EQ(original.indexOf("a"), 0u);
+}
+
 TEST(UniqueCollectionReplacing, ReplacesInPlace) {
     kel::UniqueCollection<Model> collection{{"a"}, {"b"}, {"c"}};
     collection.replace(Model{"b"}, Model{"b"});

@@ -137,8 +137,7 @@ void moveAt(C& collection, std::size_t from, std::ptrdiff_t to) {
     const auto remaining = static_cast<std::ptrdiff_t>(std::ranges::size(collection)) - 1;
     KEL_PRECONDITION(to >= 0 && to <= remaining, "applyChanges: reordering target out of range");
     if constexpr (IsUniqueCollection<C>::value) {
-        auto element = collection.remove(from);
-        collection.insert(std::move(element), static_cast<std::size_t>(to));
+        collection.moveFrom(from, static_cast<std::size_t>(to));
     } else {
         const auto first = collection.begin();
         const auto source = static_cast<std::ptrdiff_t>(from);

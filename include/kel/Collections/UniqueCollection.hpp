@@ -14,10 +14,13 @@
 // cannot both be in the collection.
 //
 // Cost: append and lookup are O(1) (amortised); insert, prepend, remove, replace and move are
-// O(n), because the positions of the elements after the change are renumbered.
+// O(n): the elements after the change shift, and their positions are rewritten in the table
+// through stored slots (no identifier is hashed again).
 //
 // Exception safety: strong when Element's move constructor does not throw (memory is reserved
-// before the identifier table changes). Value type: copies are independent. Thread rules: like
+// before the identifier table changes).
+//
+// Value type: copies are independent; a moved-from collection is empty. Thread rules: like
 // std::vector — const members may be called concurrently, anything else needs exclusive access.
 #pragma once
 
@@ -85,8 +88,7 @@ class UniqueCollection {
 
     // Appends every element in order; a repeated identifier stops the process.
     explicit UniqueCollection(std::vector<Element> array) {
-        elements_.reserve(array.size());
-        table_.reserve(array.size());
+        reserve(array.size());
         for (Element& element : array) {
             append(std::move(element));
         }
@@ -94,6 +96,42 @@ class UniqueCollection {
 
     UniqueCollection(std::initializer_list<Element> elements)
         : UniqueCollection(std::vector<Element>(elements)) {}
+
+    UniqueCollection(const UniqueCollection& other)
+        : elements_(other.elements_), table_(other.table_) {
+        positions_.reserve(elements_.size());
+        for (const Element& element : elements_) {
+            positions_.push_back(&table_.find(identifierOf(element))->second);
+        }
+    }
+
+    // The table's nodes move with it, so the position slots stay valid.
+    UniqueCollection(UniqueCollection&& other) noexcept
+        : elements_(std::move(other.elements_)),
+          table_(std::move(other.table_)),
+          positions_(std::move(other.positions_)) {
+        other.clear();
+    }
+
+    UniqueCollection& operator=(const UniqueCollection& other) {
+        if (this != &other) {
+            UniqueCollection copy(other);
+            *this = std::move(copy);
+        }
+        return *this;
+    }
+
+    UniqueCollection& operator=(UniqueCollection&& other) noexcept {
+        if (this != &other) {
+            elements_ = std::move(other.elements_);
+            table_ = std::move(other.table_);
+            positions_ = std::move(other.positions_);
+            other.clear();
+        }
+        return *this;
+    }
+
+    ~UniqueCollection() = default;
 
     // Walks the list in order and appends each element unless an equal element is already in
     // the collection. Elements are compared by equality, not by identifier: an element whose
@@ -153,21 +191,23 @@ class UniqueCollection {
         // Record every identifier first (stopping at the first repeat), then move the whole
         // list in with one shift of the tail.
         ensureCapacity(incoming.size());
-        std::size_t claimed = 0;
+        std::vector<std::size_t*> slots;
+        slots.reserve(incoming.size());
         try {
-            for (; claimed < incoming.size(); ++claimed) {
-                claimIdentifier(incoming[claimed], position + claimed);
+            for (const Element& element : incoming) {
+                slots.push_back(claimIdentifier(element, position + slots.size()));
             }
         } catch (...) {
-            for (std::size_t undo = 0; undo < claimed; ++undo) {
+            for (std::size_t undo = 0; undo < slots.size(); ++undo) {
                 table_.erase(table_.find(identifierOf(incoming[undo])));
             }
             throw;
         }
-        elements_.insert(elements_.begin() + static_cast<difference_type>(position),
-                         std::make_move_iterator(incoming.begin()),
+        const auto at = static_cast<difference_type>(position);
+        elements_.insert(elements_.begin() + at, std::make_move_iterator(incoming.begin()),
                          std::make_move_iterator(incoming.end()));
-        renumberFrom(position + incoming.size());
+        positions_.insert(positions_.begin() + at, slots.begin(), slots.end());
+        renumber(position + incoming.size(), elements_.size());
     }
 
     // Removes and returns the element at a position, 0 <= position < count.
@@ -175,10 +215,11 @@ class UniqueCollection {
         KEL_PRECONDITION(position < elements_.size(),
                          "UniqueCollection: removal position out of range");
         table_.erase(table_.find(identifierOf(elements_[position])));
-        auto at = elements_.begin() + static_cast<difference_type>(position);
-        Element removed = std::move(*at);
-        elements_.erase(at);
-        renumberFrom(position);
+        const auto at = static_cast<difference_type>(position);
+        Element removed = std::move(elements_[position]);
+        elements_.erase(elements_.begin() + at);
+        positions_.erase(positions_.begin() + at);
+        renumber(position, elements_.size());
         return removed;
     }
 
@@ -232,20 +273,20 @@ class UniqueCollection {
     // Moves a contained element to a position counted in the collection without it.
     void move(const Element& element,
               std::size_t position) requires std::equality_comparable<Element> {
-        const std::size_t from = positionOfContained(element, "move");
-        KEL_PRECONDITION(position < elements_.size(),
-                         "UniqueCollection: move position out of range");
-        auto base = elements_.begin();
-        if (from < position) {
-            std::rotate(base + static_cast<difference_type>(from),
-                        base + static_cast<difference_type>(from + 1),
-                        base + static_cast<difference_type>(position + 1));
-            renumber(from, position + 1);
-        } else if (position < from) {
-            std::rotate(base + static_cast<difference_type>(position),
-                        base + static_cast<difference_type>(from),
-                        base + static_cast<difference_type>(from + 1));
-            renumber(position, from + 1);
+        moveFrom(positionOfContained(element, "move"), position);
+    }
+
+    // Moves the element at `from` to `to`, counted in the collection without it; both
+    // positions must lie inside the collection.
+    void moveFrom(std::size_t from, std::size_t to) {
+        KEL_PRECONDITION(from < elements_.size(), "UniqueCollection: move position out of range");
+        KEL_PRECONDITION(to < elements_.size(), "UniqueCollection: move position out of range");
+        if (from < to) {
+            rotate(from, from + 1, to + 1);
+            renumber(from, to + 1);
+        } else if (to < from) {
+            rotate(to, from, from + 1);
+            renumber(to, from + 1);
         }
     }
 
@@ -262,6 +303,7 @@ class UniqueCollection {
 
     void reserve(std::size_t capacity) {
         elements_.reserve(capacity);
+        positions_.reserve(capacity);
         table_.reserve(capacity);
     }
 
@@ -287,30 +329,36 @@ class UniqueCollection {
     }
 
   private:
-    // Records an element's identifier at a position; a repeat stops the process.
-    void claimIdentifier(const Element& element, std::size_t position) {
+    // Records an element's identifier at a position and returns the slot holding that
+    // position; a repeated identifier stops the process.
+    std::size_t* claimIdentifier(const Element& element, std::size_t position) {
         auto [entry, inserted] = table_.try_emplace(std::string(identifierOf(element)), position);
         if (!inserted) [[unlikely]] {
             fatalError("UniqueCollection: an element with identifier \"" + entry->first +
                        "\" is already in the collection");
         }
+        return &entry->second;
     }
 
-    // Grows elements_ geometrically before the table is touched, so that the insertion that
-    // follows cannot fail for want of memory and leave the table ahead of the elements.
+    // Grows the element and slot lists geometrically before the table is touched, so that the
+    // insertion that follows cannot fail for want of memory and leave the table ahead.
     void ensureCapacity(std::size_t extra) {
         const std::size_t needed = elements_.size() + extra;
         if (needed > elements_.capacity()) {
             elements_.reserve(std::max(needed, 2 * elements_.capacity()));
         }
+        if (needed > positions_.capacity()) {
+            positions_.reserve(std::max(needed, 2 * positions_.capacity()));
+        }
     }
 
     void insertChecked(Element element, std::size_t position) {
         ensureCapacity(1);
-        claimIdentifier(element, position);
-        elements_.insert(elements_.begin() + static_cast<difference_type>(position),
-                         std::move(element));
-        renumberFrom(position + 1);
+        std::size_t* slot = claimIdentifier(element, position);
+        const auto at = static_cast<difference_type>(position);
+        elements_.insert(elements_.begin() + at, std::move(element));
+        positions_.insert(positions_.begin() + at, slot);
+        renumber(position + 1, elements_.size());
     }
 
     std::size_t positionOfContained(const Element& element, std::string_view operation) const {
@@ -322,17 +370,33 @@ class UniqueCollection {
         return *position;
     }
 
-    void renumberFrom(std::size_t first) { renumber(first, elements_.size()); }
+    void rotate(std::size_t first, std::size_t middle, std::size_t last) {
+        const auto f = static_cast<difference_type>(first);
+        const auto m = static_cast<difference_type>(middle);
+        const auto l = static_cast<difference_type>(last);
+        std::rotate(elements_.begin() + f, elements_.begin() + m, elements_.begin() + l);
+        std::rotate(positions_.begin() + f, positions_.begin() + m, positions_.begin() + l);
+    }
 
-    void renumber(std::size_t first, std::size_t last) {
+    // Writes the current positions of elements [first, last) into their table entries.
+    void renumber(std::size_t first, std::size_t last) noexcept {
         for (std::size_t position = first; position < last; ++position) {
-            table_.find(identifierOf(elements_[position]))->second = position;
+            *positions_[position] = position;
         }
+    }
+
+    void clear() noexcept {
+        elements_.clear();
+        table_.clear();
+        positions_.clear();
     }
 
     std::vector<Element> elements_;
     // Identifier of every element -> its position in elements_.
     std::unordered_map<std::string, std::size_t, detail::IdentifierHash, std::equal_to<>> table_;
+    // Parallel to elements_: the table entry that holds each element's position. Table nodes
+    // never move, so shifting elements renumbers them without hashing any identifier.
+    std::vector<std::size_t*> positions_;
 };
 
 }  // namespace kel
