@@ -10,8 +10,12 @@
 // A queue whose last handle is released still runs the work already submitted to it.
 //
 // sync(work) blocks the caller until work has run. On a serial queue the work runs on the
-// calling thread once the queue is free (earlier items first), as libdispatch does. sync on the
-// queue the caller is already running on deadlocks, as on the original platform.
+// calling thread once the queue is free (earlier items first), as libdispatch does. sync on a
+// serial queue the caller is already running on, or on the main queue from the main thread,
+// could only deadlock: it stops the process with a fatal error instead.
+//
+// Work items must not throw: an exception escaping a work item ends the process, as one
+// escaping a std::thread does. (sync is the exception: what f throws reaches the caller.)
 //
 // Thread rules: every operation may be called from any thread.
 #pragma once
@@ -35,10 +39,17 @@ class QueueCore;
 }
 
 // Quality of service: a scheduling hint; the runtime keeps one global queue per class.
-enum class DispatchQoS { unspecified, background, utility, default_, userInitiated, userInteractive };
+enum class DispatchQoS {
+    unspecified,
+    background,
+    utility,
+    default_,
+    userInitiated,
+    userInteractive
+};
 
 class DispatchQueue {
-public:
+  public:
     enum class Attributes : std::uint8_t { none = 0, concurrent = 1 };
 
     explicit DispatchQueue(std::string label, DispatchQoS qos = DispatchQoS::unspecified,
@@ -91,7 +102,7 @@ public:
         return a.core_ == b.core_;
     }
 
-private:
+  private:
     explicit DispatchQueue(std::shared_ptr<detail::QueueCore> core) : core_(std::move(core)) {}
 
     template <class F>

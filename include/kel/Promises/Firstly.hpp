@@ -1,0 +1,112 @@
+// kel::firstly, firstlySync — start a promise chain with a callable that returns a promise.
+//
+//   firstly(f)                      calls f() at once and returns its very promise
+//   firstly(queue, f)               a new promise; f() runs in a work item submitted
+//                                   asynchronously to `queue`
+//   firstly(queue, owner, f)        the same with f(O&); if the owner (held weakly) is gone
+//                                   when the work item runs, the promise is rejected with
+//                                   PromiseError::abandoned and f is not called
+//   firstlySync(queue, f)           as firstly(queue, f), but the work item runs with a blocking
+//   firstlySync(queue, owner, f)    `sync` on `queue`, so f has run before firstlySync returns
+//                                   (the caller must not be running on that serial queue)
+// The new promise follows f's promise for a value or an error. A cancellation of f's promise is
+// not forwarded: the new promise then never settles. An exception thrown by f rejects it.
+//
+// Thread rules: callable from any thread.
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "kel/Platform/DispatchQueue.hpp"
+#include "kel/Promises/Promise.hpp"
+
+namespace kel {
+
+namespace detail {
+
+template <class F, class... Owner>
+using FirstlyValue = typename PromiseTraits<std::invoke_result_t<F&, Owner...>>::Value;
+
+// Calls `call` and makes `outer` follow the promise it returns, for a value or an error only.
+template <class T, class Call>
+void runFirstly(const std::shared_ptr<Seal<T>>& outer, Call&& call) {
+    std::optional<Promise<T>> inner;
+    try {
+        inner.emplace(call());
+    } catch (...) {
+        settle(outer, Resolution<T>::rejected(std::current_exception()));
+        return;
+    }
+    const auto& seal = PromiseAccess::seal(*inner);
+    seal->addHandler(
+        [outer](const Resolution<T>& resolution, const std::shared_ptr<Seal<T>>&) noexcept {
+            if (!resolution.isCancelled()) {
+                settle(outer, resolution);
+            }
+        },
+        seal);
+}
+
+template <class T, class O, class F>
+void runFirstlyWithOwner(const std::shared_ptr<Seal<T>>& outer, const std::weak_ptr<O>& owner,
+                         F& f) {
+    std::shared_ptr<O> strong = owner.lock();
+    if (!strong) {
+        settle(outer, Resolution<T>::rejected(std::make_exception_ptr(PromiseError::abandoned)));
+        return;
+    }
+    runFirstly(outer, [&] { return f(*strong); });
+}
+
+}  // namespace detail
+
+template <class F>
+requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&> firstly(
+    F&& f) {
+    return f();
+}
+
+template <class F>
+requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&> firstly(
+    const DispatchQueue& queue, F&& f) {
+    using T = detail::FirstlyValue<F>;
+    auto outer = std::make_shared<detail::Seal<T>>();
+    queue.async([outer, f = std::forward<F>(f)]() mutable { detail::runFirstly(outer, f); });
+    return detail::PromiseAccess::make(std::move(outer));
+}
+
+template <class O, class F>
+requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
+firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
+    using T = detail::FirstlyValue<F, O&>;
+    auto outer = std::make_shared<detail::Seal<T>>();
+    queue.async([outer, owner = std::weak_ptr<O>(owner), f = std::forward<F>(f)]() mutable {
+        detail::runFirstlyWithOwner(outer, owner, f);
+    });
+    return detail::PromiseAccess::make(std::move(outer));
+}
+
+template <class F>
+requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&>
+firstlySync(const DispatchQueue& queue, F&& f) {
+    using T = detail::FirstlyValue<F>;
+    auto outer = std::make_shared<detail::Seal<T>>();
+    queue.sync([&] { detail::runFirstly(outer, f); });
+    return detail::PromiseAccess::make(std::move(outer));
+}
+
+template <class O, class F>
+requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
+firstlySync(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
+    using T = detail::FirstlyValue<F, O&>;
+    auto outer = std::make_shared<detail::Seal<T>>();
+    std::weak_ptr<O> weakOwner(owner);
+    queue.sync([&] { detail::runFirstlyWithOwner(outer, weakOwner, f); });
+    return detail::PromiseAccess::make(std::move(outer));
+}
+
+}  // namespace kel

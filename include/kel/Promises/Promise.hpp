@@ -1,0 +1,713 @@
+// kel::Promise<T> — a one-shot asynchronous result: a value of T produced later, an error, or a
+// cancellation.
+//
+// A Promise is a cheap copyable handle on one shared seal; copies share it and == is identity.
+// It settles once: the first fulfil, reject or cancel wins and later ones are ignored.
+//
+// Chaining names the queue on which the callable runs, always first:
+//   then(queue, f)            f(value) returns U or Promise<U>; gives a new Promise<U>
+//   then(queue, owner, f)     the same with f(value, O&) while `owner` (held weakly) lives;
+//                             if it is gone when the value arrives, the new promise is rejected
+//                             with PromiseError::abandoned and f is not called
+//   error(queue, f)           f(const Error&) on rejection only (not on cancellation)
+//   error(queue, owner, f)    f(const Error&, O&); skipped silently if the owner is gone
+//   always(queue, f)          f() on any outcome; always(queue, owner, f) with f(O&)
+//   cancelled(queue, f)       f() on cancellation only
+// error, always and cancelled return this same promise. For Promise<void>, then's f takes no
+// value (f() or f(O&)). `then` forwards a rejection or cancellation to the new promise, hopping
+// to `queue` as a value would. A `then` callable that throws PromiseError::cancelled cancels the
+// new promise; any other exception rejects it with that exception. The callables of error,
+// always and cancelled must not throw.
+//
+// Queues: on kel::zalgo() the callable runs at once on the settling (or registering) thread;
+// on kel::zalgoIfMain() it runs at once on the main thread and is submitted to
+// DispatchQueue::main() from any other thread; any other queue gets an asynchronous submission,
+// even when the promise is already settled. Handlers run in registration order under the
+// promise's lock, so a callable run at once must not settle or chain onto the very promise
+// that runs it.
+//
+// A callable is moved into the chain once and never copied. Values are passed to callables by
+// const reference straight from the settled promise (a callable that takes its parameter by
+// value makes the only copy); results are moved into the next promise.
+//
+// Thread rules: any thread may create, settle and chain promises; the settle callables handed
+// out by the constructors may be copied, kept, and called from any thread any number of times.
+// Ownership: a promise never settled keeps its handlers, and what they capture, while it lives.
+#pragma once
+
+#include <concepts>
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <ranges>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "kel/Extensions/Sequence.hpp"
+#include "kel/Platform/DispatchQueue.hpp"
+#include "kel/Platform/DispatchTime.hpp"
+#include "kel/Platform/Error.hpp"
+#include "kel/Platform/RunLoop.hpp"
+#include "kel/Platform/Task.hpp"
+#include "kel/Promises/PromiseError.hpp"
+#include "kel/Promises/Resolution.hpp"
+#include "kel/Promises/Result.hpp"
+#include "kel/Promises/Seal.hpp"
+#include "kel/Promises/Void.hpp"
+
+namespace kel {
+
+template <class T>
+class Promise;
+template <class T>
+class AsyncOperation;
+template <class T>
+struct DeferredPromise;
+
+namespace detail {
+
+// Internal access to a promise's seal, for the combinators built beside Promise.
+struct PromiseAccess {
+    template <class T>
+    static const std::shared_ptr<Seal<T>>& seal(const Promise<T>& promise) noexcept {
+        return promise.seal_;
+    }
+    template <class T>
+    static Promise<T> make(std::shared_ptr<Seal<T>> seal) {
+        return Promise<T>(std::move(seal));
+    }
+};
+
+template <class R>
+struct PromiseTraits : std::false_type {
+    using Value = R;
+};
+template <class U>
+struct PromiseTraits<Promise<U>> : std::true_type {
+    using Value = U;
+};
+
+// What a then-callable returns when given the value of a Promise<T> (and the owner, if any).
+template <class T, class F, class... Owner>
+struct CallResult {
+    using type = std::remove_cvref_t<std::invoke_result_t<F&, const T&, Owner...>>;
+};
+template <class F, class... Owner>
+struct CallResult<void, F, Owner...> {
+    using type = std::remove_cvref_t<std::invoke_result_t<F&, Owner...>>;
+};
+
+// The value type of the promise that then(queue, f) returns: U for `U f(T)` and for
+// `Promise<U> f(T)`.
+template <class T, class F, class... Owner>
+using ThenValue = typename PromiseTraits<typename CallResult<T, F, Owner...>::type>::Value;
+
+template <class T, class F, class... Owner>
+decltype(auto) callWithValue(F& f, const Resolution<T>& resolution, Owner&... owner) {
+    if constexpr (std::is_void_v<T>) {
+        return f(owner...);
+    } else {
+        return f(resolution.value(), owner...);
+    }
+}
+
+// Where a callable runs: at once (zalgo, or zalgoIfMain on the main thread), on the main queue
+// (zalgoIfMain elsewhere), or submitted asynchronously to an ordinary queue. The marker queues
+// are recognised once, when the callable is registered.
+class Executor {
+  public:
+    explicit Executor(const DispatchQueue& queue) {
+        if (queue == zalgo()) {
+            kind_ = Kind::zalgo;
+        } else if (queue == zalgoIfMain()) {
+            kind_ = Kind::zalgoIfMain;
+        } else {
+            kind_ = Kind::queue;
+            queue_.emplace(queue);
+        }
+    }
+
+    // Runs body(resolution) now or submits it; a submitted body keeps `source` (and so the
+    // resolution it reads) alive until it has run.
+    template <class T, class Body>
+    void run(const Resolution<T>& resolution, const std::shared_ptr<Seal<T>>& source,
+             Body&& body) const {
+        if (kind_ == Kind::zalgo || (kind_ == Kind::zalgoIfMain && isMainThread())) {
+            body(resolution);
+            return;
+        }
+        Task task([body = std::forward<Body>(body), source]() mutable noexcept {
+            body(source->settledResolution());
+        });
+        if (kind_ == Kind::zalgoIfMain) {
+            DispatchQueue::main().async(std::move(task));
+        } else {
+            queue_->async(std::move(task));
+        }
+    }
+
+  private:
+    enum class Kind : unsigned char { zalgo, zalgoIfMain, queue };
+    Kind kind_;
+    std::optional<DispatchQueue> queue_;  // set for Kind::queue only
+};
+
+// Calls `call` and returns true; if it throws, settles `derived` by the error rules of `then`
+// (PromiseError::cancelled cancels, anything else rejects) and returns false.
+template <class U, class Call>
+bool guardedCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexcept {
+    Error error;
+    bool cancel = false;
+    try {
+        call();
+        return true;
+    } catch (const PromiseError& e) {
+        cancel = e == PromiseError::cancelled;
+        if (!cancel) {
+            error = std::current_exception();
+        }
+    } catch (...) {
+        error = std::current_exception();
+    }
+    settle(derived,
+           cancel ? Resolution<U>::cancelled() : Resolution<U>::rejected(std::move(error)));
+    return false;
+}
+
+// Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once.
+template <class U>
+void follow(const std::shared_ptr<Seal<U>>& inner, std::shared_ptr<Seal<U>> derived) {
+    inner->addHandler(
+        [derived = std::move(derived)](const Resolution<U>& resolution,
+                                       const std::shared_ptr<Seal<U>>&) noexcept {
+            settle(derived, resolution);
+        },
+        inner);
+}
+
+// Settles `derived` from what a then-callable produced. `call` invokes the user's callable.
+template <class U, class R, class Call>
+void settleFromCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexcept {
+    if constexpr (PromiseTraits<R>::value) {
+        std::optional<R> inner;
+        if (guardedCall(derived, [&] { inner.emplace(call()); })) {
+            follow(PromiseAccess::seal(*inner), derived);
+        }
+    } else if constexpr (std::is_void_v<R>) {
+        if (guardedCall(derived, call)) {
+            settle(derived, Resolution<U>::resolved());
+        }
+    } else {
+        std::optional<R> value;
+        if (guardedCall(derived, [&] { value.emplace(call()); })) {
+            settle(derived, Resolution<U>::resolved(std::move(*value)));
+        }
+    }
+}
+
+// The body of a then-handler once it runs on its queue: calls the callable for a value,
+// forwards an error or a cancellation.
+template <class U, class T, class ValueCase>
+void continueThen(const Resolution<T>& resolution, const std::shared_ptr<Seal<U>>& derived,
+                  ValueCase&& onValue) noexcept {
+    if (resolution.isResolved()) {
+        onValue();
+    } else if (resolution.isRejected()) {
+        settle(derived, Resolution<U>::rejected(resolution.error()));
+    } else {
+        settle(derived, Resolution<U>::cancelled());
+    }
+}
+
+}  // namespace detail
+
+template <class T>
+class Promise {
+  public:
+    using Value = ValueOrVoid<T>;
+
+    // Settles the promise with a value; for Promise<void>, called without an argument.
+    class Fulfill {
+      public:
+        void operator()(Value value) const requires(!std::is_void_v<T>) {
+            detail::settle(seal_, Resolution<T>::resolved(std::move(value)));
+        }
+        void operator()() const requires std::is_void_v<T> {
+            detail::settle(seal_, Resolution<T>::resolved());
+        }
+
+      private:
+        friend class Promise;
+        explicit Fulfill(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+        std::shared_ptr<detail::Seal<T>> seal_;
+    };
+
+    // Rejects the promise with an Error, or with any std::exception-derived object.
+    class Reject {
+      public:
+        void operator()(Error error) const {
+            detail::settle(seal_, Resolution<T>::rejected(std::move(error)));
+        }
+        template <class E>
+        requires std::derived_from<std::decay_t<E>, std::exception>
+        void operator()(E&& error) const {
+            (*this)(std::make_exception_ptr(std::forward<E>(error)));
+        }
+
+      private:
+        friend class Promise;
+        explicit Reject(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+        std::shared_ptr<detail::Seal<T>> seal_;
+    };
+
+    // Cancels the promise.
+    class Cancel {
+      public:
+        void operator()() const { detail::settle(seal_, Resolution<T>::cancelled()); }
+
+      private:
+        friend class Promise;
+        explicit Cancel(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+        std::shared_ptr<detail::Seal<T>> seal_;
+    };
+
+    // Settles the promise from a Result: success fulfils, failed rejects.
+    class Completion {
+      public:
+        void operator()(Result<T> result) const {
+            if (result.isSuccess()) {
+                detail::settle(seal_, Resolution<T>::resolved(std::move(result).value()));
+            } else {
+                detail::settle(seal_, Resolution<T>::rejected(result.error()));
+            }
+        }
+
+      private:
+        friend class Promise;
+        explicit Completion(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+        std::shared_ptr<detail::Seal<T>> seal_;
+    };
+
+    // A pending promise; `body(fulfill, reject)` or `body(fulfill, reject, cancel)` is called
+    // before the constructor returns. The settle callables may be kept and called later.
+    template <class Body>
+    requires(std::is_invocable_v<Body&, Fulfill, Reject, Cancel> ||
+             std::is_invocable_v<Body&, Fulfill, Reject>) explicit Promise(Body&& body)
+        : seal_(std::make_shared<detail::Seal<T>>()) {
+        if constexpr (std::is_invocable_v<Body&, Fulfill, Reject, Cancel>) {
+            body(Fulfill(seal_), Reject(seal_), Cancel(seal_));
+        } else {
+            body(Fulfill(seal_), Reject(seal_));
+        }
+    }
+
+    static Promise fulfilled(Value value) requires(!std::is_void_v<T>) {
+        return Promise(
+            std::make_shared<detail::Seal<T>>(Resolution<T>::resolved(std::move(value))));
+    }
+    static Promise fulfilled() requires std::is_void_v<T> {
+        return Promise(std::make_shared<detail::Seal<T>>(Resolution<T>::resolved()));
+    }
+    static Promise rejected(Error error) {
+        return Promise(
+            std::make_shared<detail::Seal<T>>(Resolution<T>::rejected(std::move(error))));
+    }
+    template <class E>
+    requires std::derived_from<std::decay_t<E>, std::exception>
+    static Promise rejected(E&& error) {
+        return rejected(std::make_exception_ptr(std::forward<E>(error)));
+    }
+
+    // A pending promise; `block(completion)` is called before this returns with a callable
+    // taking a Result<T>. The completion may be kept and called later, from any thread.
+    template <class Block>
+    requires std::is_invocable_v<Block&, Completion>
+    static Promise withCompletion(Block&& block) {
+        Promise promise(std::make_shared<detail::Seal<T>>());
+        block(Completion(promise.seal_));
+        return promise;
+    }
+
+    // A promise settled by an asynchronous operation: a success fulfils it, an
+    // AsyncOperationError cancels it, any other failure rejects it. scheduleOn(operation)
+    // enqueues the operation. Defined with AsyncOperation, in Concurrency/AsyncOperation.hpp.
+    template <class ScheduleOn>
+    static Promise fromOperation(std::shared_ptr<AsyncOperation<T>> operation,
+                                 ScheduleOn&& scheduleOn);
+
+    // A no-value promise fulfilled at `until` by the default-quality global queue.
+    static Promise delay(DispatchTime until) requires std::is_void_v<T> {
+        Promise promise(std::make_shared<detail::Seal<T>>());
+        DispatchQueue::global(DispatchQoS::default_).asyncAfter(until, [seal = promise.seal_] {
+            detail::settle(seal, Resolution<T>::resolved());
+        });
+        return promise;
+    }
+
+    template <class F>
+    auto then(const DispatchQueue& queue, F&& f) const -> Promise<detail::ThenValue<T, F>> {
+        using U = detail::ThenValue<T, F>;
+        using R = typename detail::CallResult<T, F>::type;
+        auto derived = std::make_shared<detail::Seal<U>>();
+        seal_->addHandler(
+            [executor = detail::Executor(queue), derived, f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                executor.run(resolution, source,
+                             [derived = std::move(derived),
+                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                                 detail::continueThen(resolution, derived, [&] {
+                                     detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
+                                         return detail::callWithValue(f, resolution);
+                                     });
+                                 });
+                             });
+            },
+            seal_);
+        return Promise<U>(std::move(derived));
+    }
+
+    template <class O, class F>
+    auto then(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) const
+        -> Promise<detail::ThenValue<T, F, O&>> {
+        using U = detail::ThenValue<T, F, O&>;
+        using R = typename detail::CallResult<T, F, O&>::type;
+        auto derived = std::make_shared<detail::Seal<U>>();
+        seal_->addHandler(
+            [executor = detail::Executor(queue), derived, owner = std::weak_ptr<O>(owner),
+             f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                executor.run(resolution, source,
+                             [derived = std::move(derived), owner = std::move(owner),
+                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                                 detail::continueThen(resolution, derived, [&] {
+                                     std::shared_ptr<O> strong = owner.lock();
+                                     if (!strong) {
+                                         detail::settle(
+                                             derived,
+                                             Resolution<U>::rejected(
+                                                 std::make_exception_ptr(PromiseError::abandoned)));
+                                         return;
+                                     }
+                                     detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
+                                         return detail::callWithValue(f, resolution, *strong);
+                                     });
+                                 });
+                             });
+            },
+            seal_);
+        return Promise<U>(std::move(derived));
+    }
+
+    template <class F>
+    requires std::is_invocable_v<F&, const Error&> Promise error(const DispatchQueue& queue, F&& f)
+    const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                if (resolution.isRejected()) {
+                    executor.run(
+                        resolution, source,
+                        [f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                            f(resolution.error());
+                        });
+                }
+            },
+            seal_);
+        return *this;
+    }
+
+    template <class O, class F>
+    requires std::is_invocable_v<F&, const Error&, O&> Promise
+    error(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f)
+    const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
+             f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                if (resolution.isRejected()) {
+                    executor.run(resolution, source,
+                                 [owner = std::move(owner), f = std::move(f)](
+                                     const Resolution<T>& resolution) mutable noexcept {
+                                     if (std::shared_ptr<O> strong = owner.lock()) {
+                                         f(resolution.error(), *strong);
+                                     }
+                                 });
+                }
+            },
+            seal_);
+        return *this;
+    }
+
+    template <class F>
+    requires std::is_invocable_v<F&> Promise always(const DispatchQueue& queue, F&& f)
+    const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                executor.run(resolution, source,
+                             [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
+            },
+            seal_);
+        return *this;
+    }
+
+    template <class O, class F>
+    requires std::is_invocable_v<F&, O&> Promise always(const DispatchQueue& queue,
+                                                        const std::shared_ptr<O>& owner, F&& f)
+    const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
+             f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                executor.run(resolution, source,
+                             [owner = std::move(owner),
+                              f = std::move(f)](const Resolution<T>&) mutable noexcept {
+                                 if (std::shared_ptr<O> strong = owner.lock()) {
+                                     f(*strong);
+                                 }
+                             });
+            },
+            seal_);
+        return *this;
+    }
+
+    template <class F>
+    requires std::is_invocable_v<F&> Promise cancelled(const DispatchQueue& queue, F&& f)
+    const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), f = std::forward<F>(f)](
+                const Resolution<T>& resolution,
+                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                if (resolution.isCancelled()) {
+                    executor.run(
+                        resolution, source,
+                        [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
+                }
+            },
+            seal_);
+        return *this;
+    }
+
+    // A promise of every value, in collection order. It observes the elements one after the
+    // other: the first element that is rejected (or cancelled) before all earlier ones have
+    // fulfilled decides the outcome. An empty collection gives an already fulfilled promise.
+    static Promise<std::vector<Value>> all(std::vector<Promise> promises);
+    static Promise<std::vector<Value>> all(std::initializer_list<Promise> promises) {
+        return all(std::vector<Promise>(promises));
+    }
+
+    // A promise settled by the first element to be fulfilled or rejected; cancelled elements
+    // are ignored. An empty collection gives a promise that never settles.
+    static Promise race(std::vector<Promise> promises);
+    static Promise race(std::initializer_list<Promise> promises) {
+        return race(std::vector<Promise>(promises));
+    }
+
+    // For promises of sequences: every element mapped by f (which may throw), order kept.
+    template <class F>
+    requires std::ranges::input_range<T>
+    auto map(const DispatchQueue& queue, F&& f) const {
+        using Element = std::ranges::range_value_t<T>;
+        using U = std::remove_cvref_t<std::invoke_result_t<F&, const Element&>>;
+        return then(queue, [f = std::forward<F>(f)](const T& sequence) {
+            std::vector<U> mapped;
+            if constexpr (std::ranges::sized_range<T>) {
+                mapped.reserve(std::ranges::size(sequence));
+            }
+            for (const auto& element : sequence) {
+                mapped.push_back(f(element));
+            }
+            return mapped;
+        });
+    }
+
+    // As map, with f returning a std::optional; empty results are dropped.
+    template <class F>
+    requires std::ranges::input_range<T>
+    auto flatMap(const DispatchQueue& queue, F&& f) const {
+        using Element = std::ranges::range_value_t<T>;
+        using U =
+            typename std::remove_cvref_t<std::invoke_result_t<F&, const Element&>>::value_type;
+        return then(queue, [f = std::forward<F>(f)](const T& sequence) {
+            std::vector<U> mapped;
+            for (const auto& element : sequence) {
+                if (auto result = f(element)) {
+                    mapped.push_back(std::move(*result));
+                }
+            }
+            return mapped;
+        });
+    }
+
+    // The left fold of the sequence: f(partialResult, element) returns the next partial result.
+    template <class A, class F>
+    requires std::ranges::input_range<T> Promise<A> reduce(const DispatchQueue& queue, A initial,
+                                                           F&& f)
+    const {
+        return then(queue,
+                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
+                        A accumulator = initial;
+                        for (const auto& element : sequence) {
+                            accumulator = f(std::move(accumulator), element);
+                        }
+                        return accumulator;
+                    });
+    }
+
+    // The left fold in place: f(A& accumulator, element) updates the accumulator.
+    template <class A, class F>
+    requires std::ranges::input_range<T> Promise<A> reduceInto(const DispatchQueue& queue,
+                                                               A initial, F&& f)
+    const {
+        return then(queue,
+                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
+                        A accumulator = initial;
+                        for (const auto& element : sequence) {
+                            f(accumulator, element);
+                        }
+                        return accumulator;
+                    });
+    }
+
+    // The elements whose key(element) was not seen before, first occurrences kept, in order.
+    template <class Key>
+    requires std::ranges::input_range<T>
+    auto unique(const DispatchQueue& queue, Key&& key) const {
+        return then(queue, [key = std::forward<Key>(key)](const T& sequence) {
+            return kel::unique(sequence, std::ref(key));
+        });
+    }
+
+    // The outcome so far: empty while pending.
+    std::optional<Resolution<T>> resolution() const { return seal_->resolution(); }
+
+    friend bool operator==(const Promise& a, const Promise& b) noexcept {
+        return a.seal_ == b.seal_;
+    }
+
+  private:
+    template <class U>
+    friend class Promise;
+    friend struct DeferredPromise<T>;
+    friend struct detail::PromiseAccess;
+
+    explicit Promise(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+
+    // A pending promise with its fulfil and reject callables, for DeferredPromise.
+    static std::tuple<Promise, Fulfill, Reject> makeDeferred() {
+        auto seal = std::make_shared<detail::Seal<T>>();
+        return {Promise(seal), Fulfill(seal), Reject(seal)};
+    }
+
+    // The runner of race: runs the first block given to it, through a private serial queue,
+    // and ignores every later one.
+    struct FirstBlockRunner {
+        bool firstBlockHasRun = false;                  // guarded by serialQueue
+        DispatchQueue serialQueue{"FirstBlockRunner"};  // serialises run()
+
+        template <class Block>
+        void run(Block&& block) {
+            serialQueue.sync([&] {
+                if (!firstBlockHasRun) {
+                    firstBlockHasRun = true;
+                    block();
+                }
+            });
+        }
+    };
+
+    // Shared by the handlers of one `all` call; touched by one thread at a time, since the
+    // elements are visited one after the other.
+    struct AllState {
+        std::vector<Promise> inputs;
+        std::vector<Value> values;
+        std::shared_ptr<detail::Seal<std::vector<Value>>> result;
+
+        // Takes the resolution of input values.size(); false once it has settled the result.
+        bool take(const Resolution<T>& resolution) {
+            if (resolution.isResolved()) {
+                values.push_back(resolution.value());
+                return true;
+            }
+            if (resolution.isRejected()) {
+                detail::settle(result,
+                               Resolution<std::vector<Value>>::rejected(resolution.error()));
+            } else {
+                detail::settle(result, Resolution<std::vector<Value>>::cancelled());
+            }
+            return false;
+        }
+
+        // Walks the inputs from values.size() on. A settled input is taken in the loop; at a
+        // pending one a handler is left behind that takes it and walks on later. Each input is
+        // dropped from `inputs` when it is visited, so a handler never keeps its own promise
+        // alive through this state.
+        static void walk(const std::shared_ptr<AllState>& state) {
+            while (state->values.size() < state->inputs.size()) {
+                std::shared_ptr<detail::Seal<T>> seal =
+                    std::move(state->inputs[state->values.size()].seal_);
+                const Resolution<T>* resolution = seal->resolutionOrAddHandler(
+                    [state](const Resolution<T>& resolution,
+                            const std::shared_ptr<detail::Seal<T>>&) noexcept {
+                        if (state->take(resolution)) {
+                            walk(state);
+                        }
+                    });
+                if (resolution == nullptr || !state->take(*resolution)) {
+                    return;
+                }
+            }
+            detail::settle(state->result,
+                           Resolution<std::vector<Value>>::resolved(std::move(state->values)));
+        }
+    };
+
+    std::shared_ptr<detail::Seal<T>> seal_;  // never null, never replaced
+};
+
+template <class T>
+Promise<std::vector<typename Promise<T>::Value>> Promise<T>::all(std::vector<Promise> promises) {
+    using Values = std::vector<Value>;
+    if (promises.empty()) {
+        return Promise<Values>::fulfilled(Values{});
+    }
+    auto state = std::make_shared<AllState>();
+    state->values.reserve(promises.size());
+    state->inputs = std::move(promises);
+    state->result = std::make_shared<detail::Seal<Values>>();
+    Promise<Values> result(state->result);
+    AllState::walk(state);
+    return result;
+}
+
+template <class T>
+Promise<T> Promise<T>::race(std::vector<Promise> promises) {
+    auto result = std::make_shared<detail::Seal<T>>();
+    if (promises.empty()) {
+        return Promise(std::move(result));
+    }
+    auto runner = std::make_shared<FirstBlockRunner>();
+    for (const Promise& promise : promises) {
+        promise.seal_->addHandler(
+            [runner, result](const Resolution<T>& resolution,
+                             const std::shared_ptr<detail::Seal<T>>&) noexcept {
+                if (!resolution.isCancelled()) {
+                    runner->run([&] { detail::settle(result, resolution); });
+                }
+            },
+            promise.seal_);
+    }
+    return Promise(std::move(result));
+}
+
+}  // namespace kel
