@@ -46,14 +46,15 @@ std::string cacheValue(int index) {
 // The hand-written peers: the same entries (value and time stamp) under one lock.
 template <class Mutex, bool sharedReads>
 class LockedMap {
-public:
+  public:
     std::optional<std::string> get(const std::string& key) const {
         ReadLock guard(mutex_);
         auto entry = entries_.find(key);
         return entry != entries_.end() ? std::optional(entry->second.value) : std::nullopt;
     }
 
-    std::optional<std::string> get(const std::string& key, std::chrono::duration<double> maxAge) const {
+    std::optional<std::string> get(const std::string& key,
+                                   std::chrono::duration<double> maxAge) const {
         ReadLock guard(mutex_);
         auto entry = entries_.find(key);
         if (entry == entries_.end() ||
@@ -68,7 +69,7 @@ public:
         entries_.insert_or_assign(key, Entry{std::move(value), Clock::now()});
     }
 
-private:
+  private:
     struct Entry {
         std::string value;
         Clock::time_point enteredAt;
@@ -175,13 +176,22 @@ BENCHMARK(BM_CacheSet<MutexMap>)->Name("Cache/set/unordered_map+mutex");
 BENCHMARK(BM_CacheSet<SharedMutexMap>)->Name("Cache/set/unordered_map+shared_mutex");
 BENCHMARK(BM_CacheMixed90PercentReads<KelCache>)
     ->Name("Cache/mixed90read/kel::Cache")
-    ->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+    ->Threads(1)
+    ->Threads(2)
+    ->Threads(4)
+    ->UseRealTime();
 BENCHMARK(BM_CacheMixed90PercentReads<MutexMap>)
     ->Name("Cache/mixed90read/unordered_map+mutex")
-    ->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+    ->Threads(1)
+    ->Threads(2)
+    ->Threads(4)
+    ->UseRealTime();
 BENCHMARK(BM_CacheMixed90PercentReads<SharedMutexMap>)
     ->Name("Cache/mixed90read/unordered_map+shared_mutex")
-    ->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+    ->Threads(1)
+    ->Threads(2)
+    ->Threads(4)
+    ->UseRealTime();
 
 // Small integer values are stored inline in the cache: a read copies them under the lock.
 void BM_CacheGetInt(benchmark::State& state) {
@@ -267,7 +277,8 @@ void BM_UniqueCollectionAppend(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(itemCount));
 }
-BENCHMARK(BM_UniqueCollectionAppend)->Name("UniqueCollection/append100k/kel::UniqueCollection")
+BENCHMARK(BM_UniqueCollectionAppend)
+    ->Name("UniqueCollection/append100k/kel::UniqueCollection")
     ->Unit(benchmark::kMillisecond);
 
 void BM_HandKeptAppend(benchmark::State& state) {
@@ -280,7 +291,8 @@ void BM_HandKeptAppend(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(itemCount));
 }
-BENCHMARK(BM_HandKeptAppend)->Name("UniqueCollection/append100k/vector+unordered_map")
+BENCHMARK(BM_HandKeptAppend)
+    ->Name("UniqueCollection/append100k/vector+unordered_map")
     ->Unit(benchmark::kMillisecond);
 
 void BM_UniqueCollectionLookup(benchmark::State& state) {
@@ -408,9 +420,15 @@ void BM_ApplyChanges(benchmark::State& state) {
 }
 BENCHMARK(BM_ApplyChanges<std::vector<std::string>>)
     ->Name("applyChanges/vector")
-    ->RangeMultiplier(2)->Range(1250, 10000)->Unit(benchmark::kMillisecond)->Complexity();
+    ->RangeMultiplier(2)
+    ->Range(1250, 10000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity();
 BENCHMARK(BM_ApplyChanges<kel::UniqueCollection<std::string>>)
     ->Name("applyChanges/UniqueCollection")
-    ->RangeMultiplier(2)->Range(1250, 10000)->Unit(benchmark::kMillisecond)->Complexity();
+    ->RangeMultiplier(2)
+    ->Range(1250, 10000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity();
 
 }  // namespace

@@ -33,9 +33,8 @@ void cacheDemo() {
     auto profiles = kel::Cache<std::string, std::string>::make();
     std::vector<std::thread> loaders;
     for (const char* user : {"alice", "bob", "carol"}) {
-        loaders.emplace_back([profiles, user] {
-            profiles->set(user, std::string("profile of ") + user);
-        });
+        loaders.emplace_back(
+            [profiles, user] { profiles->set(user, std::string("profile of ") + user); });
     }
     for (auto& loader : loaders) {
         loader.join();

@@ -1,4 +1,5 @@
 #include "kel/Collections/Cache.hpp"
+#include "kel/Platform/DispatchQueue.hpp"
 
 #include <gtest/gtest.h>
 
@@ -177,6 +178,46 @@ TEST(CacheWrites, ConstructionStampsEveryPairWithTheCurrentTime) {
     clock.advance(1s);
     EXPECT_EQ(cache->get({"a", "b"}, 1s).size(), 2u);
     EXPECT_TRUE(cache->get({"a", "b"}, 999ms).empty());
+}
+
+// The value of an already fulfilled promise, read synchronously.
+template <class T>
+std::optional<T> valueOf(const kel::Promise<T>& promise) {
+    std::optional<T> value;
+    promise.then(kel::zalgo(), [&](const T& fulfilled) { value = fulfilled; });
+    return value;
+}
+
+TEST(CachePromises, ReadIsFulfilledWithTheFreshEntries) {
+    ManualClock clock;
+    auto cache = kel::Cache<std::string, int>::make(clock.callable());
+    cache->set("old", 1);
+    clock.advance(10s);
+    cache->set("new", 2);
+
+    EXPECT_EQ(valueOf(cache->read({"old", "new", "missing"}, 5s)),
+              (std::unordered_map<std::string, int>{{"new", 2}}));
+    EXPECT_EQ(valueOf(cache->read(std::vector<std::string>{}, 5s)),
+              (std::unordered_map<std::string, int>{}));
+}
+
+TEST(CachePromises, WriteStoresAndIsFulfilledWithTheValuesWritten) {
+    auto cache = kel::Cache<std::string, int>::make(std::map<std::string, int>{{"a", 1}});
+    const auto written = cache->write({{"b", 2}});
+    EXPECT_EQ(valueOf(written), (std::unordered_map<std::string, int>{{"b", 2}}));
+    EXPECT_EQ(cache->get({"a", "b"}), (std::unordered_map<std::string, int>{{"a", 1}, {"b", 2}}));
+
+    EXPECT_EQ(valueOf(cache->write({})), (std::unordered_map<std::string, int>{}));
+    EXPECT_EQ(cache->size(), 2u);
+}
+
+TEST(CachePromises, APromiseOutlivesTheCachesLastOwner) {
+    kel::Promise<std::unordered_map<std::string, int>> promise = [] {
+        auto cache = kel::Cache<std::string, int>::make();
+        cache->set("a", 1);
+        return cache->read({"a"}, 1h);
+    }();
+    EXPECT_EQ(valueOf(promise), (std::unordered_map<std::string, int>{{"a", 1}}));
 }
 
 // Counts live instances, to see when the cache lets go of replaced and removed values.

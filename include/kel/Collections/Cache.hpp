@@ -25,6 +25,7 @@
 #pragma once
 
 #include "kel/Concurrency/UnfairLock.hpp"
+#include "kel/Promises/Promise.hpp"
 
 #include <chrono>
 #include <concepts>
@@ -179,6 +180,22 @@ class Cache {
             }
         }
         return *this;
+    }
+
+    // A promise already fulfilled with get(keys, maxAge), so that the cache can stand in a
+    // promise chain beside slower stores.
+    template <std::ranges::forward_range Keys>
+    requires detail::CacheKeys<Keys, Key> Promise<Dictionary> read(Keys&& keys, Age maxAge)
+    const { return Promise<Dictionary>::fulfilled(collect(keys, maxAge)); }
+    Promise<Dictionary> read(std::initializer_list<Key> keys, Age maxAge) const {
+        return Promise<Dictionary>::fulfilled(collect(keys, maxAge));
+    }
+
+    // Stores `values` as += does, then gives a promise already fulfilled with `values`
+    // themselves (not with what the cache holds afterwards).
+    Promise<Dictionary> write(Dictionary values) {
+        *this += values;
+        return Promise<Dictionary>::fulfilled(std::move(values));
     }
 
     // The number of entries, fresh or not.
