@@ -1,6 +1,7 @@
 #include "AllocationCounter.hpp"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -9,10 +10,13 @@ namespace {
 
 std::atomic<std::uint64_t> allocationCount{0};
 std::atomic<std::uint64_t> allocatedBytes{0};
+std::atomic<int> openScopes{0};
 
 void* allocate(std::size_t size, std::size_t alignment) {
-    allocationCount.fetch_add(1, std::memory_order_relaxed);
-    allocatedBytes.fetch_add(size, std::memory_order_relaxed);
+    if (openScopes.load(std::memory_order_relaxed) > 0) {
+        allocationCount.fetch_add(1, std::memory_order_relaxed);
+        allocatedBytes.fetch_add(size, std::memory_order_relaxed);
+    }
     if (size == 0) {
         size = 1;
     }
@@ -34,6 +38,13 @@ void* allocateOrThrow(std::size_t size, std::size_t alignment) {
 }
 
 }  // namespace
+
+void beginCounting() noexcept {
+    openScopes.fetch_add(1, std::memory_order_relaxed);
+}
+void endCounting() noexcept {
+    openScopes.fetch_sub(1, std::memory_order_relaxed);
+}
 
 AllocationTotals allocationTotals() noexcept {
     return {allocationCount.load(std::memory_order_relaxed),

@@ -84,6 +84,15 @@ TEST(PromiseRace, CancellationsAreIgnoredAndTheFirstOutcomeDecides) {
     EXPECT_TRUE(race.resolution()->error() == error);
 }
 
+TEST(PromiseRace, ResultHandlerMaySettleTheLosingInput) {
+    DeferredPromise<int> winner, loser;
+    auto race = Promise<int>::race({winner.promise, loser.promise});
+    race.then(zalgo(), [&](int) { loser.reject(makeTestError("too late")); });
+    winner.resolve(1);
+    EXPECT_EQ(race.resolution()->value(), 1);
+    EXPECT_TRUE(loser.promise.resolution()->isRejected());
+}
+
 TEST(PromiseRace, DecidesOnceUnderConcurrentSettles) {
     constexpr int kInputs = 4;
     for (int iteration = 0; iteration < 100; ++iteration) {

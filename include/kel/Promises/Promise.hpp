@@ -617,6 +617,11 @@ class Promise {
 
         template <class Block>
         void run(Block&& block) {
+            // Called again from inside the first block (a handler of the result settling another
+            // input): the decision is made already, and a nested sync would deadlock.
+            if (serialQueue.isCurrent()) {
+                return;
+            }
             serialQueue.sync([&] {
                 if (!firstBlockHasRun) {
                     firstBlockHasRun = true;
@@ -656,13 +661,14 @@ class Promise {
             while (state->values.size() < state->inputs.size()) {
                 std::shared_ptr<detail::Seal<T>> seal =
                     std::move(state->inputs[state->values.size()].seal_);
-                const Resolution<T>* resolution = seal->resolutionOrAddHandler(
-                    [state](const Resolution<T>& resolution,
-                            const std::shared_ptr<detail::Seal<T>>&) noexcept {
+                const Resolution<T>* resolution = seal->resolutionOrAddHandler([&state] {
+                    return [state](const Resolution<T>& resolution,
+                                   const std::shared_ptr<detail::Seal<T>>&) noexcept {
                         if (state->take(resolution)) {
                             walk(state);
                         }
-                    });
+                    };
+                });
                 if (resolution == nullptr || !state->take(*resolution)) {
                     return;
                 }

@@ -166,16 +166,16 @@ class Seal {
         }
     }
 
-    // The resolution if the seal is resolved (the handler is then dropped uncalled); otherwise
-    // stores `handler` and returns null. Lets a caller that walks many promises handle the
-    // settled ones in a loop instead of recursing through their handlers.
-    template <class H>
-    const Resolution<T>* resolutionOrAddHandler(H&& handler) {
+    // The resolution if the seal is resolved; otherwise stores the handler that makeHandler()
+    // returns and gives null. Lets a caller that walks many promises handle the settled ones in
+    // a loop, without recursing through their handlers or building handlers it does not need.
+    template <class MakeHandler>
+    const Resolution<T>* resolutionOrAddHandler(MakeHandler&& makeHandler) {
         std::lock_guard guard(lock_);
         if (resolution_) {
             return &*resolution_;
         }
-        store(std::forward<H>(handler));
+        store(makeHandler());
         return nullptr;
     }
 
