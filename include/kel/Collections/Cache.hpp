@@ -16,8 +16,9 @@
 //     entry; every other value is stored as a std::shared_ptr<const Value>, so that a read
 //     copies a pointer under the lock and copies the value itself after releasing it, and a
 //     replaced or removed value is destroyed after the lock is released;
-//   - a single-key set builds its map node (key, value, time stamp) before taking the lock and
-//     splices it in, so nothing is allocated under the lock but the map's own bucket growth;
+//   - a single-key set builds the entry (value and time stamp) before taking the lock and swaps
+//     it into place; for a new key it also builds the map node outside the lock and splices it
+//     in, so nothing is allocated under the lock but the map's own bucket growth;
 //   - the injected clock is called outside the lock.
 //
 // Ownership: a reference type, non-copyable; make it with Cache::make (std::make_shared), as
@@ -126,7 +127,19 @@ class Cache {
 
     // Stores a value under a key, replacing any entry with a new one stamped now.
     void set(Key key, Value value) {
-        Node node = makeNode(std::move(key), std::move(value));
+        Entry entry{store(std::move(value)), now()};
+        {
+            std::lock_guard guard(lock_);
+            auto found = entries_.find(key);
+            if (found != entries_.end()) {
+                // The old entry leaves in `entry`, destroyed after the lock is released.
+                std::swap(found->second, entry);
+                return;
+            }
+        }
+        // A new key needs a map node: built without the lock, then spliced in (another thread
+        // may have stored the key meanwhile; the later store wins as usual).
+        Node node = makeNode(std::move(key), std::move(entry));
         Node displaced;
         {
             std::lock_guard guard(lock_);
@@ -152,7 +165,7 @@ class Cache {
             nodes.reserve(std::ranges::size(values));
         }
         for (const auto& [key, value] : values) {
-            nodes.push_back(makeNode(key, value));
+            nodes.push_back(makeNode(key, Entry{store(value), now()}));
         }
         {
             std::lock_guard guard(lock_);
@@ -171,7 +184,7 @@ class Cache {
         std::vector<Node> nodes;
         nodes.reserve(contents.size());
         for (auto& [key, entry] : contents) {
-            nodes.push_back(makeNode(std::move(key), std::move(entry.value)));
+            nodes.push_back(makeNode(std::move(key), Entry{std::move(entry.value), now()}));
         }
         {
             std::lock_guard guard(lock_);
@@ -227,8 +240,6 @@ class Cache {
         }
     }
 
-    static Stored store(Stored&& stored) requires(!storesInline) { return std::move(stored); }
-
     static const Value& valueOf(const Stored& stored) {
         if constexpr (storesInline) {
             return stored;
@@ -243,15 +254,13 @@ class Cache {
         return Age(now() - entry.enteredAt) <= maxAge;
     }
 
-    // A map node holding the key and a new entry stamped now, built without the lock. The
-    // scratch map never grows past its single built-in bucket, so the node is its only
-    // allocation.
-    template <class K, class V>
-    Node makeNode(K&& key, V&& value) const {
+    // A map node holding a key and its entry, built without the lock. The scratch map never
+    // grows past its single built-in bucket, so the node is its only allocation.
+    template <class K>
+    static Node makeNode(K&& key, Entry&& entry) {
         Map scratch;
         scratch.max_load_factor(std::numeric_limits<float>::max());
-        auto [position, inserted] =
-            scratch.try_emplace(std::forward<K>(key), Entry{store(std::forward<V>(value)), now()});
+        auto [position, inserted] = scratch.try_emplace(std::forward<K>(key), std::move(entry));
         return scratch.extract(position);
     }
 
