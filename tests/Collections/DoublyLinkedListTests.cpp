@@ -10,160 +10,108 @@ namespace {
 using List = kel::DoublyLinkedList<int>;
 using NodePtr = List::NodePointer;
 
-// The values walked forward from head and backward from tail; both must agree.
-std::vector<int> forward(const List& list) {
-    std::vector<int> values;
+// The values walked forward from head; the walk backward from tail must give the same list.
+std::vector<int> contents(const List& list) {
+    std::vector<int> forward;
+    std::vector<int> backward;
     for (auto node = list.head(); node; node = node->next) {
-        values.push_back(node->value);
+        forward.push_back(node->value);
     }
-    return values;
-}
-
-std::vector<int> backward(const List& list) {
-    std::vector<int> values;
     for (auto node = list.tail(); node; node = node->previous.lock()) {
-        values.insert(values.begin(), node->value);
+        backward.insert(backward.begin(), node->value);
     }
-    return values;
+    EXPECT_EQ(forward, backward);
+    return forward;
 }
 
-struct Fixture {
-    List list;
+std::vector<NodePtr> appendNodes(List& list, int count) {
     std::vector<NodePtr> nodes;
-    explicit Fixture(int count) {
-        for (int value = 1; value <= count; ++value) {
-            nodes.push_back(kel::Node<int>::make(value));
-            list.append(nodes.back());
-        }
+    for (int value = 1; value <= count; ++value) {
+        nodes.push_back(kel::Node<int>::make(value));
+        list.append(nodes.back());
     }
-};
+    return nodes;
+}
 
-TEST(DoublyLinkedList, AppendAndPrependLinkBothWays) {
+TEST(DoublyLinkedList, RemovesHeadMiddleTailAndTheOnlyNode) {
+    const std::vector<std::pair<int, std::vector<int>>> cases{
+        {0, {2, 3}}, {1, {1, 3}}, {2, {1, 2}}};
+    for (const auto& [removed, expected] : cases) {
+        List list;
+        auto nodes = appendNodes(list, 3);
+        list.remove(nodes[static_cast<std::size_t>(removed)]);
+        EXPECT_EQ(contents(list), expected) << "removing node " << removed;
+        EXPECT_TRUE(list.head()->previous.expired());
+        EXPECT_EQ(list.tail()->next, nullptr);
+        EXPECT_FALSE(nodes[static_cast<std::size_t>(removed)]->isLinked());
+    }
+
     List list;
-    list.append(kel::Node<int>::make(2));
-    list.append(kel::Node<int>::make(3));
-    list.prepend(kel::Node<int>::make(1));
-    EXPECT_EQ(forward(list), (std::vector<int>{1, 2, 3}));
-    EXPECT_EQ(backward(list), (std::vector<int>{1, 2, 3}));
-    EXPECT_TRUE(list.head()->previous.expired());
-    EXPECT_EQ(list.tail()->next, nullptr);
+    auto only = appendNodes(list, 1);
+    list.remove(only[0]);
+    EXPECT_EQ(list.head(), nullptr);
+    EXPECT_EQ(list.tail(), nullptr);
+    list.prepend(only[0]);  // a removed node can be put back
+    list.prepend(kel::Node<int>::make(0));
+    EXPECT_EQ(contents(list), (std::vector<int>{0, 1}));
 }
 
-TEST(DoublyLinkedList, RemovesHeadMiddleAndTail) {
-    {
-        Fixture f(3);
-        f.list.remove(f.nodes[0]);
-        EXPECT_EQ(forward(f.list), (std::vector<int>{2, 3}));
-        EXPECT_EQ(backward(f.list), (std::vector<int>{2, 3}));
-        EXPECT_TRUE(f.list.head()->previous.expired());
-    }
-    {
-        Fixture f(3);
-        f.list.remove(f.nodes[1]);
-        EXPECT_EQ(forward(f.list), (std::vector<int>{1, 3}));
-        EXPECT_EQ(backward(f.list), (std::vector<int>{1, 3}));
-    }
-    {
-        Fixture f(3);
-        f.list.remove(f.nodes[2]);
-        EXPECT_EQ(f.list.tail(), f.nodes[1]);
-        EXPECT_EQ(f.list.tail()->next, nullptr);
-        EXPECT_EQ(backward(f.list), (std::vector<int>{1, 2}));
-    }
-    {
-        Fixture f(3);
-        for (const auto& node : f.nodes) {
-            f.list.remove(node);
-            EXPECT_FALSE(node->isLinked());
-        }
-        EXPECT_EQ(f.list.head(), nullptr);
-        EXPECT_EQ(f.list.tail(), nullptr);
-    }
+TEST(DoublyLinkedList, RemovingThroughTheListsOwnReferenceIsSafe) {
+    List list;
+    appendNodes(list, 3);  // the list is the only owner
+    list.remove(list.head());
+    list.remove(list.tail());
+    EXPECT_EQ(contents(list), (std::vector<int>{2}));
+    list.removeAll();
+    EXPECT_EQ(list.head(), nullptr);
+    EXPECT_EQ(list.tail(), nullptr);
 }
 
-TEST(DoublyLinkedList, RemovingTheOnlyNodeEmptiesTheList) {
-    Fixture f(1);
-    f.list.remove(f.nodes[0]);
-    EXPECT_EQ(f.list.head(), nullptr);
-    EXPECT_EQ(f.list.tail(), nullptr);
-    EXPECT_FALSE(f.nodes[0]->isLinked());
-
-    f.list.append(f.nodes[0]);  // the node can be used again
-    EXPECT_EQ(forward(f.list), (std::vector<int>{1}));
-}
-
-TEST(DoublyLinkedList, RemovingTheHeadThroughTheListsOwnReferenceIsSafe) {
-    Fixture f(2);
-    f.nodes.clear();  // the list is now the only owner
-    f.list.remove(f.list.head());
-    EXPECT_EQ(forward(f.list), (std::vector<int>{2}));
-    f.list.remove(f.list.tail());
-    EXPECT_EQ(f.list.head(), nullptr);
-}
-
-TEST(DoublyLinkedListNodeLifetime, BackwardLinksDoNotKeepNodesAlive) {
-    std::weak_ptr<kel::Node<int>> first;
-    std::weak_ptr<kel::Node<int>> last;
+TEST(DoublyLinkedListNodeLifetime, BackwardLinksNeverKeepNodesAlive) {
+    std::vector<std::weak_ptr<kel::Node<int>>> watched;
     {
-        Fixture f(3);
-        first = f.nodes.front();
-        last = f.nodes.back();
+        List list;
+        auto nodes = appendNodes(list, 3);
+        watched.assign(nodes.begin(), nodes.end());
+        list.remove(nodes[1]);
+        nodes[1].reset();
+        EXPECT_TRUE(watched[1].expired());
     }
-    EXPECT_TRUE(first.expired());
-    EXPECT_TRUE(last.expired());
+    EXPECT_TRUE(watched[0].expired());
+    EXPECT_TRUE(watched[2].expired());
 
-    Fixture f(3);
-    std::weak_ptr<kel::Node<int>> middle = f.nodes[1];
-    f.list.remove(f.nodes[1]);
-    f.nodes[1].reset();
-    EXPECT_TRUE(middle.expired());
-    EXPECT_FALSE(f.nodes[2]->previous.expired());  // now points at node 1
-
-    std::vector<std::weak_ptr<kel::Node<int>>> watched(f.nodes.begin(), f.nodes.end());
-    f.list.removeAll();
-    f.nodes.clear();
-    for (const auto& node : watched) {
-        EXPECT_TRUE(node.expired());
-    }
-}
-
-TEST(DoublyLinkedListNodeLifetime, NodeIsLinkedOnlyWhileItHasANextOrALivingPrevious) {
-    auto node = kel::Node<int>::make(1);
-    EXPECT_FALSE(node->isLinked());
+    auto lone = kel::Node<int>::make(1);
     {
         auto before = kel::Node<int>::make(0);
-        node->previous = before;
-        EXPECT_TRUE(node->isLinked());
+        lone->previous = before;
+        EXPECT_TRUE(lone->isLinked());
     }
-    EXPECT_FALSE(node->isLinked());  // the previous node died
+    EXPECT_FALSE(lone->isLinked());  // its previous node died
 }
 
-TEST(DoublyLinkedListNodeLifetime, LongListsAreFreedWithoutDeepRecursion) {
+TEST(DoublyLinkedListNodeLifetime, LongChainsAreFreedWithoutDeepRecursion) {
     constexpr int count = 1'000'000;
-    std::weak_ptr<kel::Node<int>> middle;
+    std::weak_ptr<kel::Node<int>> last;
     {
         List list;
         for (int value = 0; value < count; ++value) {
             list.append(kel::Node<int>::make(value));
-            if (value == count / 2) {
-                middle = list.tail();
-            }
         }
+        last = list.tail();
     }
-    EXPECT_TRUE(middle.expired());
+    EXPECT_TRUE(last.expired());
 
     // A chain held only through a caller's first node goes the same way.
     auto head = kel::Node<int>::make(0);
     auto current = head;
     for (int value = 1; value < count; ++value) {
         current->next = kel::Node<int>::make(value);
-        current->next->previous = current;
         current = current->next;
     }
-    std::weak_ptr<kel::Node<int>> tail = current;
+    last = current;
     current.reset();
     head.reset();
-    EXPECT_TRUE(tail.expired());
+    EXPECT_TRUE(last.expired());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <ranges>
 #include <string>
 #include <vector>
@@ -38,29 +37,6 @@ TEST(Stack, RemovesByPositionFromTheBottom) {
     EXPECT_EQ(stack.remove(0), "bottom");
     EXPECT_EQ(stack.pop(), "top");
     EXPECT_TRUE(stack.isEmpty());
-}
-
-TEST(Stack, CopiesAreIndependentSoACopyCanBeWalkedWhileTheOriginalChanges) {
-    kel::Stack<int> stack;
-    stack.push(1);
-    stack.push(2);
-    const kel::Stack<int> snapshot = stack;
-    std::vector<int> seen;
-    for (int value : snapshot) {
-        seen.push_back(value);
-        stack.push(value * 10);
-    }
-    EXPECT_EQ(seen, (std::vector<int>{1, 2}));
-    EXPECT_EQ(stack.size(), 4u);
-    EXPECT_NE(stack, snapshot);
-}
-
-TEST(Stack, HoldsMoveOnlyElements) {
-    kel::Stack<std::unique_ptr<int>> stack;
-    stack.push(std::make_unique<int>(7));
-    auto top = stack.pop();
-    ASSERT_TRUE(top.has_value());
-    EXPECT_EQ(**top, 7);
 }
 
 TEST(StackDeathTest, PositionsOutsideTheStackStopTheProcess) {
