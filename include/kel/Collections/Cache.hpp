@@ -55,9 +55,13 @@ concept CachePairs = requires(std::ranges::range_reference_t<Values> pair) {
     Value(std::get<1>(pair));
 };
 
-// A range of keys, such as a std::vector or std::span of Key.
+template <class Values, class Key, class Value>
+concept CachePairRange = std::ranges::input_range<Values> && CachePairs<Values, Key, Value>;
+
+// A list of keys, such as a std::vector or std::span of Key, that can be walked twice.
 template <class Keys, class Key>
-concept CacheKeys = std::same_as<std::remove_cvref_t<std::ranges::range_reference_t<Keys>>, Key>;
+concept CacheKeyRange = std::ranges::forward_range<Keys> &&
+    std::same_as<std::remove_cvref_t<std::ranges::range_reference_t<Keys>>, Key>;
 
 }  // namespace detail
 
@@ -75,8 +79,7 @@ class Cache {
     explicit Cache(Clock clock = {}) : clock_(std::move(clock)) {}
 
     // A cache holding every pair of `values`, each stamped with the current time.
-    template <std::ranges::input_range Values>
-    requires detail::CachePairs<Values, Key, Value>
+    template <detail::CachePairRange<Key, Value> Values>
     explicit Cache(const Values& values, Clock clock = {}) : clock_(std::move(clock)) {
         for (const auto& [key, value] : values) {
             entries_.insert_or_assign(key, Entry{store(value), now()});
@@ -90,8 +93,7 @@ class Cache {
         return std::make_shared<Cache>(std::move(clock));
     }
 
-    template <std::ranges::input_range Values>
-    requires detail::CachePairs<Values, Key, Value>
+    template <detail::CachePairRange<Key, Value> Values>
     static std::shared_ptr<Cache> make(const Values& values, Clock clock = {}) {
         return std::make_shared<Cache>(values, std::move(clock));
     }
@@ -112,15 +114,17 @@ class Cache {
     }
 
     // Every listed key that has an entry, whatever its age. A key listed twice appears once.
-    template <std::ranges::forward_range Keys>
-    requires detail::CacheKeys<Keys, Key> Dictionary get(Keys&& keys)
-    const { return collect(keys, std::nullopt); }
+    template <detail::CacheKeyRange<Key> Keys>
+    Dictionary get(Keys&& keys) const {
+        return collect(keys, std::nullopt);
+    }
     Dictionary get(std::initializer_list<Key> keys) const { return collect(keys, std::nullopt); }
 
     // Every listed key whose entry's age is at most maxAge.
-    template <std::ranges::forward_range Keys>
-    requires detail::CacheKeys<Keys, Key> Dictionary get(Keys&& keys, Age maxAge)
-    const { return collect(keys, maxAge); }
+    template <detail::CacheKeyRange<Key> Keys>
+    Dictionary get(Keys&& keys, Age maxAge) const {
+        return collect(keys, maxAge);
+    }
     Dictionary get(std::initializer_list<Key> keys, Age maxAge) const {
         return collect(keys, maxAge);
     }
@@ -158,8 +162,8 @@ class Cache {
 
     // Stores every pair as a new entry stamped now, replacing existing ones. Readers see either
     // none or all of the pairs.
-    template <std::ranges::input_range Values>
-    requires detail::CachePairs<Values, Key, Value> Cache& operator+=(const Values& values) {
+    template <detail::CachePairRange<Key, Value> Values>
+    Cache& operator+=(const Values& values) {
         std::vector<Node> nodes;
         if constexpr (std::ranges::sized_range<Values>) {
             nodes.reserve(std::ranges::size(values));
@@ -197,9 +201,10 @@ class Cache {
 
     // A promise already fulfilled with get(keys, maxAge), so that the cache can stand in a
     // promise chain beside slower stores.
-    template <std::ranges::forward_range Keys>
-    requires detail::CacheKeys<Keys, Key> Promise<Dictionary> read(Keys&& keys, Age maxAge)
-    const { return Promise<Dictionary>::fulfilled(collect(keys, maxAge)); }
+    template <detail::CacheKeyRange<Key> Keys>
+    Promise<Dictionary> read(Keys&& keys, Age maxAge) const {
+        return Promise<Dictionary>::fulfilled(collect(keys, maxAge));
+    }
     Promise<Dictionary> read(std::initializer_list<Key> keys, Age maxAge) const {
         return Promise<Dictionary>::fulfilled(collect(keys, maxAge));
     }

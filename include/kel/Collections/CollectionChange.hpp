@@ -95,6 +95,12 @@ concept EditableSequence = std::ranges::random_access_range<C> && std::ranges::s
     collection.insert(collection.begin(), std::move(element));
 };
 
+// A list of CollectionChange values that can be walked twice.
+template <class Changes>
+concept ChangeList = std::ranges::forward_range<const Changes> && requires {
+    typename ChangeElement<std::ranges::range_value_t<Changes>>::type;
+};
+
 }  // namespace detail
 
 // A collection applyChanges can edit: a sequence container or a UniqueCollection whose
@@ -161,10 +167,7 @@ void appendTo(C& collection, E&& element) {
 }  // namespace detail
 
 // Replays `changes` onto `collection`, building added elements with `elementConstructor`.
-template <ChangeableCollection C, std::ranges::forward_range Changes, class Constructor>
-requires requires {
-    typename detail::ChangeElement<std::ranges::range_value_t<Changes>>::type;
-}
+template <ChangeableCollection C, detail::ChangeList Changes, class Constructor>
 void applyChanges(C& collection, const Changes& changes, Constructor&& elementConstructor) {
     using ChangeType = std::ranges::range_value_t<Changes>;
     using Kind = typename ChangeType::Kind;

@@ -46,6 +46,11 @@ namespace kel {
 
 namespace detail {
 
+// A range whose items convert to T.
+template <class R, class T>
+concept RangeOf =
+    std::ranges::input_range<R> && std::convertible_to<std::ranges::range_reference_t<R>, T>;
+
 template <class T>
 concept Streamable = requires(std::ostream& stream, const T& value) {
     stream << value;
@@ -136,9 +141,8 @@ class UniqueCollection {
     // Walks the list in order and appends each element unless an equal element is already in
     // the collection. Elements are compared by equality, not by identifier: an element whose
     // identifier is taken by an unequal element stops the process.
-    template <std::ranges::input_range R>
-    requires std::equality_comparable<Element> &&
-        std::convertible_to<std::ranges::range_reference_t<R>, Element>
+    template <detail::RangeOf<Element> R>
+    requires std::equality_comparable<Element>
     static UniqueCollection keepingFirstUniqueFrom(R&& elements) {
         UniqueCollection collection;
         for (auto&& element : elements) {
@@ -160,8 +164,7 @@ class UniqueCollection {
 
     void append(Element element) { insertChecked(std::move(element), elements_.size()); }
 
-    template <std::ranges::input_range R>
-    requires std::convertible_to<std::ranges::range_reference_t<R>, Element>
+    template <detail::RangeOf<Element> R>
     void appendContentsOf(R&& elements) {
         insertContentsOf(std::forward<R>(elements), elements_.size());
     }
@@ -176,8 +179,7 @@ class UniqueCollection {
     }
 
     // Adds a list at a position, keeping its order; each identifier is checked in list order.
-    template <std::ranges::input_range R>
-    requires std::convertible_to<std::ranges::range_reference_t<R>, Element>
+    template <detail::RangeOf<Element> R>
     void insertContentsOf(R&& elements, std::size_t position) {
         KEL_PRECONDITION(position <= elements_.size(),
                          "UniqueCollection: insertion position out of range");
@@ -261,9 +263,8 @@ class UniqueCollection {
     }
 
     // Puts a list in the place of `old`, which must be contained.
-    template <std::ranges::input_range R>
-    requires std::equality_comparable<Element> &&
-        std::convertible_to<std::ranges::range_reference_t<R>, Element>
+    template <detail::RangeOf<Element> R>
+    requires std::equality_comparable<Element>
     void replaceWithContentsOf(const Element& old, R&& elements) {
         const std::size_t position = positionOfContained(old, "replace");
         remove(position);
@@ -314,16 +315,13 @@ class UniqueCollection {
     }
 
     // The text form of the element list, e.g. ["a", "b"].
-    std::string description()
-        const requires detail::Streamable<Element> || detail::IsText<Element> {
+    std::string description() const {
         std::ostringstream stream;
         detail::describeList(stream, elements_);
         return std::move(stream).str();
     }
 
-    friend std::ostream& operator<<(std::ostream& stream,
-                                    const UniqueCollection& collection) requires
-        detail::Streamable<Element> || detail::IsText<Element> {
+    friend std::ostream& operator<<(std::ostream& stream, const UniqueCollection& collection) {
         detail::describeList(stream, collection.elements_);
         return stream;
     }
