@@ -55,10 +55,12 @@ struct IdentifierOfFunction {
 };
 
 // Hashes identifiers given as any text, so tables keyed by std::string can be searched with a
-// std::string_view without building a string.
+// std::string_view without building a string. Deliberately not noexcept: libstdc++ then keeps
+// each node's hash code (as it does for std::hash<std::string>), so growing a table does not
+// hash every identifier again.
 struct IdentifierHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view identifier) const noexcept {
+    std::size_t operator()(std::string_view identifier) const {
         return std::hash<std::string_view>{}(identifier);
     }
 };

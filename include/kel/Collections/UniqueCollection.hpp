@@ -162,7 +162,8 @@ class UniqueCollection {
     // The elements, in order.
     const std::vector<Element>& array() const noexcept { return elements_; }
 
-    void append(Element element) { insertChecked(std::move(element), elements_.size()); }
+    void append(const Element& element) { insertChecked(element, elements_.size()); }
+    void append(Element&& element) { insertChecked(std::move(element), elements_.size()); }
 
     template <detail::RangeOf<Element> R>
     void appendContentsOf(R&& elements) {
@@ -350,11 +351,12 @@ class UniqueCollection {
         }
     }
 
-    void insertChecked(Element element, std::size_t position) {
+    template <class E>
+    void insertChecked(E&& element, std::size_t position) {
         ensureCapacity(1);
         std::size_t* slot = claimIdentifier(element, position);
         const auto at = static_cast<difference_type>(position);
-        elements_.insert(elements_.begin() + at, std::move(element));
+        elements_.insert(elements_.begin() + at, std::forward<E>(element));
         positions_.insert(positions_.begin() + at, slot);
         renumber(position + 1, elements_.size());
     }
