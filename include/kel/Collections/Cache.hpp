@@ -332,8 +332,8 @@ class Cache {
     }
 
     const Clock clock_;  // set at construction; called from any thread
-    mutable UnfairLock lock_{UnfairLock::Options::dataSynchronization};
-    Map entries_;  // guarded by lock_
+    mutable UnfairLock lock_{UnfairLock::Options::dataSynchronization};  // guards entries_
+    Map entries_;                                                        // guarded by lock_
 };
 
 }  // namespace kel

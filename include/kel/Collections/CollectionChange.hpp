@@ -32,6 +32,7 @@
 #include <concepts>
 #include <cstddef>
 #include <functional>
+#include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <ranges>
