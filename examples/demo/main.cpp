@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 
+#include "CollectionsDemo.hpp"
 #include "DispatchDemo.hpp"
 #include "FoundationDemo.hpp"
 #include "PromisesDemo.hpp"
@@ -41,6 +42,7 @@ int main() {
     runDispatchDemo();
     runPromisesDemo();
     runSchedulersDemo();
+    runCollectionsDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.

@@ -2,6 +2,14 @@
 // Written by scripts/update-umbrella.sh; a test fails when it is out of date.
 #pragma once
 
+#include "kel/Collections/Cache.hpp"
+#include "kel/Collections/CollectionChange.hpp"
+#include "kel/Collections/DoublyLinkedList.hpp"
+#include "kel/Collections/Identifiable.hpp"
+#include "kel/Collections/SafeCollection.hpp"
+#include "kel/Collections/Stack.hpp"
+#include "kel/Collections/UniqueCollection.hpp"
+#include "kel/Collections/UniqueParentChildCollection.hpp"
 #include "kel/Concurrency/AsyncObjectApplicator.hpp"
 #include "kel/Concurrency/AsyncOperation.hpp"
 #include "kel/Concurrency/AsyncOperationError.hpp"
