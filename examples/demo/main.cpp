@@ -20,7 +20,7 @@ namespace {
 // Log lines of the library go to the journal by default; the demo shows them on the terminal,
 // redacted as the system log would show them.
 class TerminalLogSink final : public kel::LogSink {
-public:
+  public:
     void write(const kel::LogRecord& record) override {
         std::cout << (record.level == kel::LogLevel::error ? "  [log:error] " : "  [log] ")
                   << record.message(true) << "\n";

@@ -107,8 +107,8 @@ std::string renderLogMessage(std::string_view format, const std::vector<LogArgum
             continue;
         }
         i = j + 1;
-        bool isPrivate = privacy == Privacy::private_ ||
-                         (privacy == Privacy::unspecified && kind == '@');
+        bool isPrivate =
+            privacy == Privacy::private_ || (privacy == Privacy::unspecified && kind == '@');
         if (next >= arguments.size()) {
             out += "(null)";
             continue;

@@ -35,9 +35,11 @@ TEST(ErrorType, TestsAndExtractsByTypeIncludingBases) {
 
 TEST(DomainError, DescriptionComesFromUserInfoOrDomainAndCode) {
     kel::DomainError plain("NSURLErrorDomain", -1001);
-    EXPECT_STREQ(plain.what(), "The operation couldn’t be completed. (NSURLErrorDomain error -1001.)");
+    EXPECT_STREQ(plain.what(),
+                 "The operation couldn’t be completed. (NSURLErrorDomain error -1001.)");
 
-    kel::DomainError described("app", 3, {{kel::DomainError::localizedDescriptionKey, "Disk full"}});
+    kel::DomainError described("app", 3,
+                               {{kel::DomainError::localizedDescriptionKey, "Disk full"}});
     EXPECT_STREQ(described.what(), "Disk full");
     EXPECT_EQ(described.userInfo().at(kel::DomainError::localizedDescriptionKey), "Disk full");
 }

@@ -13,7 +13,7 @@
 namespace kel {
 
 class DomainError : public std::exception {
-public:
+  public:
     using UserInfo = std::map<std::string, std::string>;
 
     // The user-info key whose value, when present, is the error's description.
@@ -33,7 +33,7 @@ public:
         return a.code_ == b.code_ && a.domain_ == b.domain_ && a.userInfo_ == b.userInfo_;
     }
 
-private:
+  private:
     std::string domain_;
     long code_;
     UserInfo userInfo_;

@@ -16,9 +16,9 @@ namespace kel {
                              std::source_location location = std::source_location::current());
 
 namespace detail {
-[[noreturn]] void preconditionFailed(const char* condition, std::string_view message = {},
-                                     std::source_location location =
-                                         std::source_location::current());
+[[noreturn]] void preconditionFailed(
+    const char* condition, std::string_view message = {},
+    std::source_location location = std::source_location::current());
 }  // namespace detail
 
 }  // namespace kel

@@ -31,7 +31,7 @@ enum class LogLevel { default_, error };
 
 // One argument of a log line: text, a signed or unsigned integer, or a floating-point value.
 class LogArgument {
-public:
+  public:
     using Value = std::variant<std::string, long long, unsigned long long, double>;
 
     LogArgument(std::string_view text) : value_(std::string(text)) {}
@@ -39,11 +39,12 @@ public:
     LogArgument(const std::string& text) : value_(text) {}
     LogArgument(std::string&& text) : value_(std::move(text)) {}
     template <class I>
-        requires(std::is_integral_v<I> && std::is_signed_v<I>)
-    LogArgument(I number) : value_(static_cast<long long>(number)) {}
+    requires(std::is_integral_v<I>&& std::is_signed_v<I>) LogArgument(I number)
+        : value_(static_cast<long long>(number)) {}
     template <class I>
-        requires(std::is_integral_v<I> && std::is_unsigned_v<I> && !std::is_same_v<I, bool>)
-    LogArgument(I number) : value_(static_cast<unsigned long long>(number)) {}
+    requires(std::is_integral_v<I>&& std::is_unsigned_v<I> && !std::is_same_v<I, bool>)
+        LogArgument(I number)
+        : value_(static_cast<unsigned long long>(number)) {}
     LogArgument(double number) : value_(number) {}
 
     const Value& value() const noexcept { return value_; }
@@ -53,7 +54,7 @@ public:
 
     friend bool operator==(const LogArgument&, const LogArgument&) = default;
 
-private:
+  private:
     Value value_;
 };
 
@@ -74,7 +75,7 @@ std::string renderLogMessage(std::string_view format, const std::vector<LogArgum
                              bool redactPrivate);
 
 class LogSink {
-public:
+  public:
     virtual ~LogSink() = default;
     virtual void write(const LogRecord& record) = 0;
 };
@@ -82,26 +83,26 @@ public:
 // The default sink: syslog(3) at LOG_NOTICE (default level) or LOG_ERR (error level), private
 // arguments redacted.
 class SyslogSink final : public LogSink {
-public:
+  public:
     void write(const LogRecord& record) override;
 };
 
 // Keeps every record it is given, for tests and diagnostics.
 class CapturingLogSink final : public LogSink {
-public:
+  public:
     void write(const LogRecord& record) override;
     std::vector<LogRecord> records() const;
     // Rendered messages, every argument shown.
     std::vector<std::string> messages() const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mutex_;  // guards records_
     std::vector<LogRecord> records_;
 };
 
 class Log {
-public:
+  public:
     template <class... Args>
     static void write(LogLevel level, std::string_view format, Args&&... arguments) {
         LogRecord record{level, std::string(format), {}};
@@ -115,19 +116,20 @@ public:
     static std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
     static std::shared_ptr<LogSink> sink();
 
-private:
+  private:
     static void dispatch(const LogRecord& record);
 };
 
 // Installs a sink for the lifetime of this object, then puts the previous one back.
 class ScopedLogSink {
-public:
-    explicit ScopedLogSink(std::shared_ptr<LogSink> sink) : previous_(Log::setSink(std::move(sink))) {}
+  public:
+    explicit ScopedLogSink(std::shared_ptr<LogSink> sink)
+        : previous_(Log::setSink(std::move(sink))) {}
     ~ScopedLogSink() { Log::setSink(std::move(previous_)); }
     ScopedLogSink(const ScopedLogSink&) = delete;
     ScopedLogSink& operator=(const ScopedLogSink&) = delete;
 
-private:
+  private:
     std::shared_ptr<LogSink> previous_;
 };
 
