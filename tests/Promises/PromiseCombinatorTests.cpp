@@ -51,6 +51,23 @@ TEST(PromiseAll, CancelledElementCancelsTheResult) {
     EXPECT_TRUE(all.resolution()->isCancelled());
 }
 
+TEST(PromiseAll, SamePendingPromiseListedTwice) {
+    // A deduper hands one in-flight promise to every caller, so a list may hold it twice.
+    DeferredPromise<int> shared, other;
+    auto all = Promise<int>::all({shared.promise, other.promise, shared.promise});
+    other.resolve(2);
+    // Settled from another thread: a deadlock there fails the wait below instead of hanging.
+    std::thread settler([&] { shared.resolve(1); });
+    EXPECT_EQ(await(all).value(), (std::vector<int>{1, 2, 1}));
+    settler.join();
+
+    DeferredPromise<int> twice;
+    auto adjacent = Promise<int>::all({twice.promise, twice.promise});
+    std::thread again([&] { twice.resolve(3); });
+    EXPECT_EQ(await(adjacent).value(), (std::vector<int>{3, 3}));
+    again.join();
+}
+
 TEST(PromiseAll, ManySettledElementsDoNotDeepenTheStack) {
     std::vector<Promise<int>> promises;
     for (int i = 0; i < 200000; ++i) {

@@ -13,6 +13,7 @@
 #include "PromiseTestSupport.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/RunLoop.hpp"
+#include "kel/Promises/DeferredPromise.hpp"
 
 namespace kel {
 namespace {
@@ -174,6 +175,38 @@ TEST(PromiseQueues, ZalgoIfMainRunsAtOnceOnlyOnTheMainThread) {
     pumpUntilSettled(derived);
     EXPECT_TRUE(ran.load());
     EXPECT_TRUE(onMain.load());
+}
+
+TEST(PromiseQueues, ThenForwardsRejectionAndCancellationOnItsQueue) {
+    // The forwarding hops queues as a value would: observers on zalgo registered before the
+    // settlement run where the forwarding runs.
+    DispatchQueue queue("test.forward");
+    DeferredPromise<int> failing;
+    std::optional<Promise<int>::Cancel> cancel;
+    Promise<int> cancelling([&](auto, auto, auto c) { cancel.emplace(c); });
+    std::atomic<bool> rejectedOnQueue{false};
+    std::atomic<bool> cancelledOnQueue{false};
+    auto rejected =
+        failing.promise.then(queue, [](int v) { return v; }).error(zalgo(), [&](const Error&) {
+            rejectedOnQueue = queue.isCurrent();
+        });
+    auto cancelled = cancelling.then(queue, [](int v) { return v; }).cancelled(zalgo(), [&] {
+        cancelledOnQueue = queue.isCurrent();
+    });
+    failing.reject(makeTestError("x"));
+    (*cancel)();
+    EXPECT_TRUE(await(rejected).isRejected());
+    EXPECT_TRUE(await(cancelled).isCancelled());
+    EXPECT_TRUE(rejectedOnQueue.load());
+    EXPECT_TRUE(cancelledOnQueue.load());
+
+    // On zalgoIfMain, a cancellation arriving on another thread goes through the main queue.
+    std::optional<Promise<int>::Cancel> cancelElsewhere;
+    Promise<int> source([&](auto, auto, auto c) { cancelElsewhere.emplace(c); });
+    auto viaMain = source.then(zalgoIfMain(), [](int v) { return v; });
+    std::thread([&] { (*cancelElsewhere)(); }).join();
+    EXPECT_FALSE(viaMain.resolution().has_value());
+    EXPECT_TRUE(pumpUntilSettled(viaMain).isCancelled());
 }
 
 TEST(PromiseQueues, HandlersRunInRegistrationOrder) {

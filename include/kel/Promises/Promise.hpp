@@ -657,18 +657,26 @@ class Promise {
         // pending one a handler is left behind that takes it and walks on later. Each input is
         // dropped from `inputs` when it is visited, so a handler never keeps its own promise
         // alive through this state.
-        static void walk(const std::shared_ptr<AllState>& state) {
+        //
+        // A handler walks on from inside the settlement of `settling`, under its lock. The same
+        // promise may come up again later in the list (all({p, p}), or a deduper handing out one
+        // promise twice); its resolution is then taken as it stands instead of locking it again,
+        // which would deadlock.
+        static void walk(const std::shared_ptr<AllState>& state,
+                         const detail::Seal<T>* settling = nullptr,
+                         const Resolution<T>* settled = nullptr) {
             while (state->values.size() < state->inputs.size()) {
                 std::shared_ptr<detail::Seal<T>> seal =
                     std::move(state->inputs[state->values.size()].seal_);
-                const Resolution<T>* resolution = seal->resolutionOrAddHandler([&state] {
-                    return [state](const Resolution<T>& resolution,
-                                   const std::shared_ptr<detail::Seal<T>>&) noexcept {
-                        if (state->take(resolution)) {
-                            walk(state);
-                        }
-                    };
-                });
+                const Resolution<T>* resolution =
+                    seal.get() == settling ? settled : seal->resolutionOrAddHandler([&state] {
+                        return [state](const Resolution<T>& resolution,
+                                       const std::shared_ptr<detail::Seal<T>>& source) noexcept {
+                            if (state->take(resolution)) {
+                                walk(state, source.get(), &resolution);
+                            }
+                        };
+                    });
                 if (resolution == nullptr || !state->take(*resolution)) {
                     return;
                 }
