@@ -119,9 +119,10 @@ class DispatchQueue {
 };
 
 // The marker queues of the promise library, labelled "com.plumo.promise.zalgo" and
-// "com.plumo.promise.zalgoIfMain". Created once; nothing is ever submitted to them: a promise
-// continuation on zalgo runs synchronously, on zalgoIfMain synchronously on the main thread and
-// through the main queue elsewhere.
+// "com.plumo.promise.zalgoIfMain", created once. Promise continuations recognise them by identity
+// and never submit to them: on zalgo a continuation runs synchronously, on zalgoIfMain
+// synchronously on the main thread and through the main queue elsewhere. Work that is submitted
+// to them directly (firstly or when on zalgo, say) runs as on any serial queue.
 const DispatchQueue& zalgo();
 const DispatchQueue& zalgoIfMain();
 
