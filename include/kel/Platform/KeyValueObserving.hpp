@@ -77,6 +77,11 @@ class KeyValueObservable {
   protected:
     KeyValueObservable();
 
+    // Called on the announcing thread from didChangeValueForKey, after the observers of the
+    // change have run, with the key that actually changed. Lets a subclass react to its own
+    // changes without the cost of an observation; the default does nothing.
+    virtual void changeAnnounced(std::string_view changedKey);
+
   private:
     void announce(std::string_view changedKey, bool prior);
 
