@@ -72,11 +72,11 @@ KeyValueObservation KeyValueObservable::observe(std::string key, Callback callba
     std::unique_lock lock(registry_->mutex);
     std::uint64_t identifier = registry_->nextIdentifier++;
     registry_->entries.push_back({identifier, std::move(observer), prior});
-    registry_->count.store(registry_->entries.size(), std::memory_order_release);
+    // A read-modify-write, like the one in announce: a caller that reads the observed state
+    // after observing either sees a change announced concurrently or the announcement sees
+    // this observer, whichever of the two comes second in the count's order.
+    registry_->count.exchange(registry_->entries.size(), std::memory_order_acq_rel);
     lock.unlock();
-    // Pairs with the fence in announce: a caller that reads the observed state after observing
-    // either sees a change announced concurrently or the announcement sees this observer.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     return KeyValueObservation(registry_, identifier);
 }
 
@@ -86,6 +86,10 @@ std::vector<std::string> KeyValueObservable::keyPathsForValuesAffectingValueForK
 }
 
 void KeyValueObservable::changeAnnounced(std::string_view) {}
+
+std::size_t KeyValueObservable::synchronizeWithAnnouncements() noexcept {
+    return registry_->count.fetch_add(0, std::memory_order_acq_rel);
+}
 
 void KeyValueObservable::willChangeValueForKey(std::string_view key) {
     announce(key, true);
@@ -98,12 +102,11 @@ void KeyValueObservable::didChangeValueForKey(std::string_view key) {
 
 void KeyValueObservable::announce(std::string_view changedKey, bool prior) {
     // Most changes have nobody listening, so skip the lock then. The change itself was stored
-    // just before; the fence orders that store before reading the count (see observe), so an
-    // observer that checks the state after registering cannot miss the change.
-    if (!prior) {
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-    }
-    if (registry_->count.load(std::memory_order_acquire) == 0) {
+    // just before; reading the count with a read-modify-write orders that store before it (see
+    // observe), so an observer that checks the state after registering cannot miss the change.
+    std::size_t observers =
+        prior ? registry_->count.load(std::memory_order_acquire) : synchronizeWithAnnouncements();
+    if (observers == 0) {
         return;
     }
     using Observer = detail::ObservationRegistry::Observer;

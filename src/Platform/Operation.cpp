@@ -224,8 +224,7 @@ bool affects(std::string_view changedKey, std::string_view key,
 }  // namespace
 
 // Tells the queue holding the operation about changes of its readiness and finish. The
-// announcement's fence orders the change before the read of queueHooked_ (see
-// OperationQueueCore::add).
+// announcement has synchronised with OperationQueueCore::add before this reads queueHooked_.
 void Operation::changeAnnounced(std::string_view changedKey) {
     if (!queueHooked_.load(std::memory_order_acquire)) {
         return;

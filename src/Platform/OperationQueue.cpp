@@ -44,9 +44,8 @@ void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
     op.queueReadyKeys_ = op.keyPathsForValuesAffectingIsReady();
     op.queueFinishedKeys_ = op.keyPathsForValuesAffectingIsFinished();
     op.queueHooked_.store(true, std::memory_order_relaxed);
-    // Pairs with the fence in the operation's change announcements: either a concurrent
-    // announcement sees queueHooked_, or the checks below see its change.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // Either a concurrent announcement sees queueHooked_, or the checks below see its change.
+    op.synchronizeWithAnnouncements();
     std::unique_lock lock(mutex_);
     op.queuePhase_ = Operation::QueuePhase::waiting;
     op.queueSelf_ = std::move(operation);
