@@ -88,6 +88,7 @@ class Operation : public KeyValueObservable,
     virtual std::vector<std::string> keyPathsForValuesAffectingIsFinished() const { return {}; }
 
   protected:
+    // Keeps the queue holding the operation informed; an override must call this one.
     void changeAnnounced(std::string_view changedKey) override;
 
   private:
