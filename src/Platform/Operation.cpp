@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "DispatchRuntime.hpp"
+#include "OperationQueueCore.hpp"
 #include "kel/Platform/FatalError.hpp"
 
 namespace kel {
@@ -212,24 +213,59 @@ std::vector<std::string> Operation::keyPathsForValuesAffectingValueForKey(
     return KeyValueObservable::keyPathsForValuesAffectingValueForKey(key);
 }
 
-BlockOperation::BlockOperation(Task block) {
-    blocks_.push_back(std::move(block));
+namespace {
+
+bool affects(std::string_view changedKey, std::string_view key,
+             const std::vector<std::string>& dependentKeys) {
+    return changedKey == key ||
+           std::find(dependentKeys.begin(), dependentKeys.end(), changedKey) != dependentKeys.end();
 }
+
+}  // namespace
+
+// Tells the queue holding the operation about changes of its readiness and finish. The
+// announcement has synchronised with OperationQueueCore::add before this reads queueHooked_.
+void Operation::changeAnnounced(std::string_view changedKey) {
+    if (!queueHooked_.load(std::memory_order_acquire)) {
+        return;
+    }
+    detail::OperationQueueCore& queue = *queue_;
+    if (affects(changedKey, isFinishedKey, queueFinishedKeys_) && isFinished()) {
+        // The queue's reference is released on return, after the queue is done with it.
+        if (std::shared_ptr<Operation> released = queue.operationFinished(*this)) {
+            return;
+        }
+    }
+    if (affects(changedKey, isReadyKey, queueReadyKeys_)) {
+        queue.pump();
+    }
+}
+
+BlockOperation::BlockOperation(Task block) : firstBlock_(std::move(block)) {}
 
 void BlockOperation::addExecutionBlock(Task block) {
     KEL_PRECONDITION(!isExecuting() && !isFinished(),
                      "BlockOperation::addExecutionBlock after the operation started");
     std::lock_guard lock(mutex_);
-    blocks_.push_back(std::move(block));
+    if (!firstBlock_ && moreBlocks_.empty()) {
+        firstBlock_ = std::move(block);
+    } else {
+        moreBlocks_.push_back(std::move(block));
+    }
 }
 
 void BlockOperation::main() {
-    std::vector<Task> blocks;
+    Task first;
+    std::vector<Task> more;
     {
         std::lock_guard lock(mutex_);
-        blocks.swap(blocks_);
+        first = std::move(firstBlock_);
+        more.swap(moreBlocks_);
     }
-    for (Task& block : blocks) {
+    if (first) {
+        first();
+    }
+    for (Task& block : more) {
         if (block) {
             block();
         }

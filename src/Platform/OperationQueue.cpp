@@ -1,47 +1,35 @@
 #include "kel/Platform/OperationQueue.hpp"
 
-#include <condition_variable>
-#include <list>
-#include <mutex>
 #include <utility>
 
 #include "DispatchRuntime.hpp"
+#include "OperationQueueCore.hpp"
 #include "kel/Platform/FatalError.hpp"
 
 namespace kel {
 namespace detail {
 
-class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCore> {
-  public:
-    struct Entry {
-        enum class Phase : std::uint8_t { waiting, started, finished };
+void OperationQueueCore::List::pushBack(Operation& operation) noexcept {
+    operation.queuePrevious_ = tail_;
+    operation.queueNext_ = nullptr;
+    if (tail_ != nullptr) {
+        tail_->queueNext_ = &operation;
+    } else {
+        head_ = &operation;
+    }
+    tail_ = &operation;
+    ++size_;
+}
 
-        explicit Entry(std::shared_ptr<Operation> op) : operation(std::move(op)) {}
-
-        std::shared_ptr<Operation> operation;
-        // The fields below are guarded by the core's mutex_.
-        Phase phase = Phase::waiting;
-        std::list<std::shared_ptr<Entry>>::iterator position;
-        KeyValueObservation readyObservation;
-        KeyValueObservation finishedObservation;
-    };
-
-    void add(std::shared_ptr<Operation> operation);
-    void pump();
-    void finishedChanged(const std::shared_ptr<Entry>& entry);
-    std::vector<std::shared_ptr<Operation>> operations() const;
-    void waitUntilEmpty();
-
-    mutable std::mutex mutex_;  // guards everything below and the entries' mutable fields
-    std::condition_variable emptied_;
-    std::string name_ = "kel.OperationQueue";
-    int limit_ = OperationQueue::defaultMaxConcurrentOperationCount;
-    std::optional<DispatchQueue> underlying_;
-    std::optional<DispatchQueue> ownQueue_;  // made on first use, labelled with name_
-    bool suspended_ = false;
-    std::list<std::shared_ptr<Entry>> waiting_;  // not started yet, in the order added
-    std::list<std::shared_ptr<Entry>> started_;  // started, not finished yet
-};
+void OperationQueueCore::List::erase(Operation& operation) noexcept {
+    (operation.queuePrevious_ != nullptr ? operation.queuePrevious_->queueNext_ : head_) =
+        operation.queueNext_;
+    (operation.queueNext_ != nullptr ? operation.queueNext_->queuePrevious_ : tail_) =
+        operation.queuePrevious_;
+    operation.queuePrevious_ = nullptr;
+    operation.queueNext_ = nullptr;
+    --size_;
+}
 
 void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
     KEL_PRECONDITION(operation != nullptr, "OperationQueue::addOperation needs an operation");
@@ -49,102 +37,101 @@ void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
                      "OperationQueue::addOperation: the operation has already run");
     KEL_PRECONDITION(!operation->enqueued_.exchange(true, std::memory_order_acq_rel),
                      "OperationQueue::addOperation: the operation is already in a queue");
-    auto entry = std::make_shared<Entry>(std::move(operation));
-    {
-        std::lock_guard lock(mutex_);
-        waiting_.push_back(entry);
-        entry->position = std::prev(waiting_.end());
-        // The observations keep this core alive while the operation is in it, so a queue
-        // released by its owner still runs what was added.
-        auto self = shared_from_this();
-        entry->finishedObservation = entry->operation->observe(
-            std::string(Operation::isFinishedKey),
-            [self, entry](std::string_view) { self->finishedChanged(entry); });
-        entry->readyObservation = entry->operation->observe(
-            std::string(Operation::isReadyKey), [self](std::string_view) { self->pump(); });
+    // Only this queue writes these, once; the subclass is fully constructed by now, so its
+    // dependent keys are known.
+    Operation& op = *operation;
+    op.queue_ = shared_from_this();
+    op.queueReadyKeys_ = op.keyPathsForValuesAffectingIsReady();
+    op.queueFinishedKeys_ = op.keyPathsForValuesAffectingIsFinished();
+    op.queueHooked_.store(true, std::memory_order_relaxed);
+    // Either a concurrent announcement sees queueHooked_, or the checks below see its change.
+    op.synchronizeWithAnnouncements();
+    std::unique_lock lock(mutex_);
+    op.queuePhase_ = Operation::QueuePhase::waiting;
+    op.queueSelf_ = std::move(operation);
+    waiting_.pushBack(op);
+    // Announcements made before the operation was in the lists were ignored: a finish among
+    // them is caught here, a readiness change by the start pass below.
+    if (!op.isFinished()) {
+        pumpLocked();
+        return;
     }
-    if (entry->operation->isFinished()) {
-        finishedChanged(entry);  // finished (started elsewhere) before it was observed
-    }
-    pump();
+    lock.unlock();
+    // Holds the queue's reference until operationFinished has returned.
+    std::shared_ptr<Operation> released = operationFinished(op);
 }
 
 void OperationQueueCore::pump() {
-    std::vector<std::shared_ptr<Entry>> toStart;
-    DispatchQueue* queue = nullptr;
-    {
-        std::lock_guard lock(mutex_);
-        if (suspended_) {
-            return;
+    std::lock_guard lock(mutex_);
+    pumpLocked();
+}
+
+DispatchQueue& OperationQueueCore::targetLocked() {
+    if (underlying_) {
+        return *underlying_;
+    }
+    if (!ownQueue_) {
+        ownQueue_.emplace(name_, DispatchQoS::default_, DispatchQueue::Attributes::concurrent);
+    }
+    return *ownQueue_;
+}
+
+void OperationQueueCore::pumpLocked() {
+    if (suspended_) {
+        return;
+    }
+    DispatchQueue* target = nullptr;
+    Operation* next = waiting_.front();
+    while (next != nullptr && (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
+        Operation& op = *next;
+        next = op.queueNext_;
+        if (!op.isReady()) {
+            continue;
         }
-        auto it = waiting_.begin();
-        while (it != waiting_.end() &&
-               (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
-            std::shared_ptr<Entry> entry = *it;
-            if (!entry->operation->isReady()) {
-                ++it;
-                continue;
-            }
-            entry->phase = Entry::Phase::started;
-            started_.push_back(entry);
-            toStart.push_back(entry);
-            it = waiting_.erase(it);
-            entry->position = std::prev(started_.end());
+        waiting_.erase(op);
+        started_.pushBack(op);
+        op.queuePhase_ = Operation::QueuePhase::started;
+        if (target == nullptr) {
+            target = &targetLocked();
         }
-        if (toStart.empty()) {
-            return;
-        }
-        if (underlying_) {
-            queue = &*underlying_;
-        } else {
-            if (!ownQueue_) {
-                ownQueue_.emplace(name_, DispatchQoS::default_,
-                                  DispatchQueue::Attributes::concurrent);
-            }
-            queue = &*ownQueue_;
-        }
-        // Copy the handle: the optional may be reassigned once the lock is released.
-        DispatchQueue target = *queue;
-        for (auto& entry : toStart) {
-            target.async([entry = std::move(entry)] { entry->operation->start(); });
-        }
+        // Dispatched under the lock so that operations start in the order they were taken.
+        target->async([operation = op.queueSelf_] { operation->start(); });
     }
 }
 
-void OperationQueueCore::finishedChanged(const std::shared_ptr<Entry>& entry) {
-    if (!entry->operation->isFinished()) {
-        return;
+std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& operation) {
+    std::lock_guard lock(mutex_);
+    switch (operation.queuePhase_) {
+        case Operation::QueuePhase::waiting:
+            waiting_.erase(operation);
+            break;
+        case Operation::QueuePhase::started:
+            started_.erase(operation);
+            break;
+        case Operation::QueuePhase::none:
+        case Operation::QueuePhase::finished:
+            return nullptr;
     }
-    KeyValueObservation ready;
-    KeyValueObservation finished;
-    {
-        std::lock_guard lock(mutex_);
-        if (entry->phase == Entry::Phase::finished) {
-            return;
-        }
-        (entry->phase == Entry::Phase::started ? started_ : waiting_).erase(entry->position);
-        entry->phase = Entry::Phase::finished;
-        ready = std::move(entry->readyObservation);
-        finished = std::move(entry->finishedObservation);
-        if (waiting_.empty() && started_.empty()) {
-            emptied_.notify_all();
-        }
+    operation.queuePhase_ = Operation::QueuePhase::finished;
+    operation.queueHooked_.store(false, std::memory_order_relaxed);
+    std::shared_ptr<Operation> released = std::move(operation.queueSelf_);
+    if (waiting_.empty() && started_.empty()) {
+        emptied_.notify_all();
+    } else {
+        pumpLocked();
     }
-    // Invalidated outside the lock (they take the operation's registry lock).
-    ready.invalidate();
-    finished.invalidate();
-    pump();
+    return released;
 }
 
 std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() const {
     std::vector<std::shared_ptr<Operation>> result;
     std::lock_guard lock(mutex_);
     result.reserve(waiting_.size() + started_.size());
-    for (const auto& entry : started_) {
-        result.push_back(entry->operation);
+    for (const Operation* op = started_.front(); op != nullptr; op = op->queueNext_) {
+        result.push_back(op->queueSelf_);
     }
-    for (const auto& entry : waiting_) {
-        result.push_back(entry->operation);
+    for (const Operation* op = waiting_.front(); op != nullptr; op = op->queueNext_) {
+        result.push_back(op->queueSelf_);
     }
     return result;
 }

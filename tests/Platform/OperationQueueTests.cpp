@@ -158,6 +158,56 @@ TEST(OperationLifecycle, WaitUntilFinishedReturnsAfterAnotherThreadFinishesIt) {
     starter.join();
 }
 
+// A dependency added while the dependency finishes on another thread is counted exactly once,
+// whichever side sees the other first.
+TEST(OperationLifecycle, DependencyFinishingDuringAddDependencyIsNotMissed) {
+    for (int round = 0; round < 300; ++round) {
+        auto dependency = std::make_shared<Operation>();
+        auto dependent = std::make_shared<Operation>();
+        std::thread finisher([&] { dependency->start(); });
+        dependent->addDependency(dependency);
+        finisher.join();
+        ASSERT_TRUE(dependent->isReady()) << "round " << round;
+    }
+}
+
+TEST(OperationLifecycle, BlockOperationRunsEveryBlockInTheOrderAdded) {
+    std::vector<int> order;
+    auto operation = std::make_shared<BlockOperation>();
+    operation->addExecutionBlock([&] { order.push_back(1); });
+    operation->addExecutionBlock([&] { order.push_back(2); });
+    auto seeded = BlockOperation::make(nullptr);
+    seeded->addExecutionBlock([&] { order.push_back(3); });
+    seeded->addExecutionBlock([&] { order.push_back(4); });
+    operation->start();
+    seeded->start();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
+// The queue follows its operations without observing them; observers that users add to a
+// queued operation must still hear every change, on the thread that makes it.
+TEST(OperationQueueScheduling, ObserversOfAQueuedOperationHearEveryChange) {
+    OperationQueue queue;
+    queue.setSuspended(true);
+    auto operation = BlockOperation::make([] {});
+    std::mutex mutex;
+    std::vector<std::string> events;  // guarded by mutex
+    auto record = [&](std::string_view key) {
+        std::lock_guard lock(mutex);
+        events.emplace_back(key);
+    };
+    queue.addOperation(operation);
+    KeyValueObservation executing = operation->observe("isExecuting", record);
+    KeyValueObservation finished = operation->observe("isFinished", record);
+    KeyValueObservation cancelled = operation->observe("isCancelled", record);
+    queue.setSuspended(false);
+    queue.waitUntilAllOperationsAreFinished();
+    operation->cancel();
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(events, (std::vector<std::string>{"isExecuting", "isExecuting", "isFinished",
+                                                "isCancelled"}));
+}
+
 TEST(OperationQueueLimits, LimitOfOneRunsOperationsOneAtATimeInOrder) {
     OperationQueue queue;
     queue.setMaxConcurrentOperationCount(1);

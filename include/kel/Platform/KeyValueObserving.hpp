@@ -15,6 +15,7 @@
 // token is invalidated or destroyed, or the observed object is destroyed, whichever is first.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -76,6 +77,16 @@ class KeyValueObservable {
 
   protected:
     KeyValueObservable();
+
+    // Called on the announcing thread from didChangeValueForKey, after the observers of the
+    // change have run, with the key that actually changed. Lets a subclass react to its own
+    // changes without the cost of an observation; the default does nothing.
+    virtual void changeAnnounced(std::string_view changedKey);
+
+    // A read-modify-write on the atomic that every change announcement also modifies before it
+    // reads any flag of the subclass. A flag set before this call is seen by an announcement
+    // that this call does not see; answers the number of observations.
+    std::size_t synchronizeWithAnnouncements() noexcept;
 
   private:
     void announce(std::string_view changedKey, bool prior);

@@ -87,6 +87,10 @@ class Operation : public KeyValueObservable,
     virtual std::vector<std::string> keyPathsForValuesAffectingIsExecuting() const { return {}; }
     virtual std::vector<std::string> keyPathsForValuesAffectingIsFinished() const { return {}; }
 
+  protected:
+    // Keeps the queue holding the operation informed; an override must call this one.
+    void changeAnnounced(std::string_view changedKey) override;
+
   private:
     enum class State : std::uint8_t { pending, executing, finished };
     struct Dependency {
@@ -114,6 +118,20 @@ class Operation : public KeyValueObservable,
     KeyValueObservation ownFinishObservation_;
     bool observingOwnFinish_ = false;
 
+    // The queue hears the operation's readiness and finish through changeAnnounced rather than
+    // through observations. queue_ and the key lists are written once by the queue that takes
+    // the operation, before queueHooked_ is set, and only read afterwards.
+    std::shared_ptr<detail::OperationQueueCore> queue_;
+    std::vector<std::string> queueReadyKeys_;     // keys a subclass made "isReady" depend on
+    std::vector<std::string> queueFinishedKeys_;  // keys a subclass made "isFinished" depend on
+    std::atomic<bool> queueHooked_{false};        // set while the queue holds the operation
+    // Guarded by the queue's lock: the operation's place in the queue's lists.
+    enum class QueuePhase : std::uint8_t { none, waiting, started, finished };
+    QueuePhase queuePhase_ = QueuePhase::none;
+    Operation* queuePrevious_ = nullptr;
+    Operation* queueNext_ = nullptr;
+    std::shared_ptr<Operation> queueSelf_;  // the queue's reference while the operation is in it
+
     friend class detail::OperationQueueCore;
 };
 
@@ -132,8 +150,9 @@ class BlockOperation : public Operation {
     void main() override;
 
   private:
-    std::mutex mutex_;  // guards blocks_
-    std::vector<Task> blocks_;
+    std::mutex mutex_;  // guards firstBlock_ and moreBlocks_
+    Task firstBlock_;   // most block operations have one block: kept inline
+    std::vector<Task> moreBlocks_;
 };
 
 }  // namespace kel
