@@ -21,7 +21,7 @@ class GroupCore;
 }
 
 class DispatchGroup {
-public:
+  public:
     DispatchGroup();
 
     void enter() const;
@@ -34,7 +34,7 @@ public:
         return a.core_ == b.core_;
     }
 
-private:
+  private:
     std::shared_ptr<detail::GroupCore> core_;
     friend class DispatchQueue;
 };

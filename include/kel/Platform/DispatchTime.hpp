@@ -9,7 +9,7 @@
 namespace kel {
 
 class DispatchTime {
-public:
+  public:
     using Clock = std::chrono::steady_clock;
 
     constexpr DispatchTime() = default;
@@ -34,7 +34,7 @@ public:
 
     friend constexpr auto operator<=>(DispatchTime, DispatchTime) = default;
 
-private:
+  private:
     Clock::time_point point_{};
 };
 

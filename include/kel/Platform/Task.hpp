@@ -15,13 +15,13 @@
 namespace kel {
 
 class Task {
-public:
+  public:
     Task() noexcept = default;
     Task(std::nullptr_t) noexcept {}
 
     template <class F>
-        requires(!std::is_same_v<std::decay_t<F>, Task> && std::is_invocable_v<std::decay_t<F>&>)
-    Task(F&& f) {  // NOLINT(google-explicit-constructor): work is passed as a lambda
+    requires(!std::is_same_v<std::decay_t<F>, Task> && std::is_invocable_v<std::decay_t<F>&>)
+        Task(F&& f) {  // NOLINT(google-explicit-constructor): work is passed as a lambda
         using Fn = std::decay_t<F>;
         if constexpr (fitsInline<Fn>()) {
             ::new (static_cast<void*>(&storage_)) Fn(std::forward<F>(f));
@@ -68,7 +68,7 @@ public:
         }
     }
 
-private:
+  private:
     static constexpr std::size_t inlineSize = 3 * sizeof(void*);
     using Storage = std::aligned_storage_t<inlineSize, alignof(std::max_align_t)>;
 
@@ -97,9 +97,7 @@ private:
     template <class Fn>
     static constexpr Ops heapOps{
         [](void* s) { (**static_cast<Fn**>(s))(); },
-        [](void* to, void* from) noexcept {
-            *static_cast<Fn**>(to) = *static_cast<Fn**>(from);
-        },
+        [](void* to, void* from) noexcept { *static_cast<Fn**>(to) = *static_cast<Fn**>(from); },
         [](void* s) noexcept { delete *static_cast<Fn**>(s); },
     };
 
