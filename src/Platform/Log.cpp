@@ -11,8 +11,8 @@ namespace {
 
 std::string formatNumber(const char* conversion, const LogArgument::Value& value) {
     char buffer[64];
-    std::string spec = conversion;
-    if (spec == "f") {
+    const std::string_view kind = conversion;
+    if (kind == "f") {
         double number = std::visit(
             [](const auto& v) -> double {
                 if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::string>) {
