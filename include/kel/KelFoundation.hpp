@@ -37,6 +37,7 @@
 #include "kel/Platform/Error.hpp"
 #include "kel/Platform/Exception.hpp"
 #include "kel/Platform/FatalError.hpp"
+#include "kel/Platform/InlineFunction.hpp"
 #include "kel/Platform/KeyValueObserving.hpp"
 #include "kel/Platform/Log.hpp"
 #include "kel/Platform/MessageCatalog.hpp"

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Platform/InlineFunction.hpp"
 #include "kel/Promises/Resolution.hpp"
 
 namespace kel::detail {
@@ -31,97 +32,11 @@ namespace kel::detail {
 template <class T>
 class Seal;
 
-// A type-erased, move-only handler `void(const Resolution<T>&, const shared_ptr<Seal<T>>&)`.
-// Callables up to `inlineSize` bytes are stored inline, which covers the handlers of `then`,
-// `error`, `always` and `cancelled` with small user callables, so that registering them does
-// not allocate.
+// A handler of a seal. Callables up to 80 bytes are stored inline, which covers the handlers of
+// `then`, `error`, `always` and `cancelled` with small user callables, so that registering them
+// does not allocate.
 template <class T>
-class SealHandler {
-  public:
-    SealHandler() noexcept = default;
-    SealHandler(const SealHandler&) = delete;
-    SealHandler& operator=(const SealHandler&) = delete;
-    SealHandler& operator=(SealHandler&&) = delete;
-
-    template <class H>
-    explicit SealHandler(H&& handler) {
-        emplace(std::forward<H>(handler));
-    }
-
-    SealHandler(SealHandler&& other) noexcept : ops_(other.ops_) {
-        if (ops_ != nullptr) {
-            ops_->move(&storage_, &other.storage_);
-            other.ops_ = nullptr;
-        }
-    }
-
-    ~SealHandler() { reset(); }
-
-    template <class H>
-    void emplace(H&& handler) {
-        using Fn = std::decay_t<H>;
-        if constexpr (fitsInline<Fn>()) {
-            ::new (static_cast<void*>(&storage_)) Fn(std::forward<H>(handler));
-            ops_ = &inlineOps<Fn>;
-        } else {
-            *reinterpret_cast<Fn**>(&storage_) = new Fn(std::forward<H>(handler));
-            ops_ = &heapOps<Fn>;
-        }
-    }
-
-    explicit operator bool() const noexcept { return ops_ != nullptr; }
-
-    void operator()(const Resolution<T>& resolution,
-                    const std::shared_ptr<Seal<T>>& seal) noexcept {
-        ops_->invoke(&storage_, resolution, seal);
-    }
-
-    void reset() noexcept {
-        if (ops_ != nullptr) {
-            ops_->destroy(&storage_);
-            ops_ = nullptr;
-        }
-    }
-
-  private:
-    static constexpr std::size_t inlineSize = 80;
-
-    struct Ops {
-        void (*invoke)(void*, const Resolution<T>&, const std::shared_ptr<Seal<T>>&) noexcept;
-        void (*move)(void* to, void* from) noexcept;
-        void (*destroy)(void*) noexcept;
-    };
-
-    template <class Fn>
-    static constexpr bool fitsInline() {
-        return sizeof(Fn) <= inlineSize && alignof(Fn) <= alignof(std::max_align_t) &&
-               std::is_nothrow_move_constructible_v<Fn>;
-    }
-
-    template <class Fn>
-    static constexpr Ops inlineOps{
-        [](void* s, const Resolution<T>& r, const std::shared_ptr<Seal<T>>& seal) noexcept {
-            (*static_cast<Fn*>(s))(r, seal);
-        },
-        [](void* to, void* from) noexcept {
-            ::new (to) Fn(std::move(*static_cast<Fn*>(from)));
-            static_cast<Fn*>(from)->~Fn();
-        },
-        [](void* s) noexcept { static_cast<Fn*>(s)->~Fn(); },
-    };
-
-    template <class Fn>
-    static constexpr Ops heapOps{
-        [](void* s, const Resolution<T>& r, const std::shared_ptr<Seal<T>>& seal) noexcept {
-            (**static_cast<Fn**>(s))(r, seal);
-        },
-        [](void* to, void* from) noexcept { *static_cast<Fn**>(to) = *static_cast<Fn**>(from); },
-        [](void* s) noexcept { delete *static_cast<Fn**>(s); },
-    };
-
-    alignas(std::max_align_t) unsigned char storage_[inlineSize];
-    const Ops* ops_ = nullptr;
-};
+using SealHandler = InlineFunction<void(const Resolution<T>&, const std::shared_ptr<Seal<T>>&), 80>;
 
 template <class T>
 class Seal {
