@@ -40,7 +40,9 @@ int main() {
 
     runFoundationDemo();
     runDispatchDemo();
+    std::cout << "\n== Promises\n";
     runPromisesDemo();
+    std::cout << "\n== Task schedulers and asynchronous operations\n";
     runSchedulersDemo();
     runCollectionsDemo();
     runUtilitiesDemo();
