@@ -114,12 +114,74 @@ TEST(PromiseSettlement, ExactlyOnceUnderConcurrentSettleAndRegister) {
                 }
             });
         }
+        // A reader polling without registering: once it sees an outcome, that outcome is final.
+        std::optional<Resolution<int>> firstSeen;
+        threads.emplace_back([&] {
+            while (!(firstSeen = promise.resolution())) {
+            }
+        });
         for (auto& thread : threads) {
             thread.join();
         }
         ASSERT_EQ(calls.load(), kRegistrars * kHandlersPerRegistrar);
         int seen = outcomes.load();
         ASSERT_TRUE(seen == 1 || seen == 2 || seen == 4) << seen;
+        ASSERT_EQ(firstSeen->isResolved(), seen == 1);
+        ASSERT_EQ(firstSeen->isRejected(), seen == 2);
+        ASSERT_EQ(firstSeen->isCancelled(), seen == 4);
+        if (seen == 1) {
+            ASSERT_EQ(firstSeen->value(), 7);
+        }
+    }
+}
+
+TEST(PromiseSettlement, KeptSettleCallablesOutliveTheConstructorAndThePromise) {
+    std::optional<Promise<int>::Fulfill> copied;
+    std::optional<Promise<int>::Fulfill> moved;
+    std::optional<Promise<int>> next;
+    {
+        Promise<int> promise([&](auto fulfill, auto reject) {
+            copied.emplace(fulfill);
+            moved.emplace(std::move(fulfill));
+            auto reassigned = reject;
+            reassigned = std::move(reject);
+        });
+        next.emplace(promise.then(zalgo(), [](int value) { return value + 1; }));
+    }
+    moved.reset();
+    std::thread([&] { (*copied)(41); }).join();
+    copied.reset();
+    EXPECT_EQ(next->resolution()->value(), 42);
+}
+
+// Promises made on one thread, settled and dropped on others, by threads that come and go: the
+// storage of a promise may be taken on one thread and given back on another.
+TEST(PromiseSettlement, PromisesCrossThreadsThatComeAndGo) {
+    constexpr int kRounds = 20;
+    constexpr int kPromises = 200;
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<Promise<int>::Fulfill> fulfills;
+        std::vector<Promise<std::string>> results;
+        std::thread([&] {
+            for (int index = 0; index < kPromises; ++index) {
+                Promise<int> promise(
+                    [&](auto fulfill, auto) { fulfills.push_back(std::move(fulfill)); });
+                results.push_back(
+                    promise.then(zalgo(), [](int value) { return std::to_string(value); }));
+            }
+        }).join();
+        std::thread([&] {
+            for (int index = 0; index < kPromises; ++index) {
+                fulfills[index](index);
+            }
+            fulfills.clear();
+        }).join();
+        std::thread([&] {
+            for (int index = 0; index < kPromises; ++index) {
+                ASSERT_EQ(results[index].resolution()->value(), std::to_string(index));
+            }
+            results.clear();
+        }).join();
     }
 }
 

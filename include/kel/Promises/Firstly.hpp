@@ -33,7 +33,7 @@ using FirstlyValue = typename PromiseTraits<std::invoke_result_t<F&, Owner...>>:
 
 // Calls `call` and makes `outer` follow the promise it returns, for a value or an error only.
 template <class T, class Call>
-void runFirstly(const std::shared_ptr<Seal<T>>& outer, Call&& call) {
+void runFirstly(const SealRef<T>& outer, Call&& call) {
     std::optional<Promise<T>> inner;
     try {
         inner.emplace(call());
@@ -42,18 +42,15 @@ void runFirstly(const std::shared_ptr<Seal<T>>& outer, Call&& call) {
         return;
     }
     const auto& seal = PromiseAccess::seal(*inner);
-    seal->addHandler(
-        [outer](const Resolution<T>& resolution, const std::shared_ptr<Seal<T>>&) noexcept {
-            if (!resolution.isCancelled()) {
-                settle(outer, resolution);
-            }
-        },
-        seal);
+    seal->addHandler([outer](const Resolution<T>& resolution, Seal<T>&) noexcept {
+        if (!resolution.isCancelled()) {
+            settle(outer, resolution);
+        }
+    });
 }
 
 template <class T, class O, class F>
-void runFirstlyWithOwner(const std::shared_ptr<Seal<T>>& outer, const std::weak_ptr<O>& owner,
-                         F& f) {
+void runFirstlyWithOwner(const SealRef<T>& outer, const std::weak_ptr<O>& owner, F& f) {
     std::shared_ptr<O> strong = owner.lock();
     if (!strong) {
         settle(outer, Resolution<T>::rejected(std::make_exception_ptr(PromiseError::abandoned)));
@@ -74,7 +71,7 @@ template <class F>
 requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&> firstly(
     const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
-    auto outer = std::make_shared<detail::Seal<T>>();
+    auto outer = detail::SealRef<T>::make();
     queue.async([outer, f = std::forward<F>(f)]() mutable { detail::runFirstly(outer, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
@@ -83,7 +80,7 @@ template <class O, class F>
 requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
 firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
     using T = detail::FirstlyValue<F, O&>;
-    auto outer = std::make_shared<detail::Seal<T>>();
+    auto outer = detail::SealRef<T>::make();
     queue.async([outer, owner = std::weak_ptr<O>(owner), f = std::forward<F>(f)]() mutable {
         detail::runFirstlyWithOwner(outer, owner, f);
     });
@@ -94,7 +91,7 @@ template <class F>
 requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&>
 firstlySync(const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
-    auto outer = std::make_shared<detail::Seal<T>>();
+    auto outer = detail::SealRef<T>::make();
     queue.sync([&] { detail::runFirstly(outer, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
@@ -103,7 +100,7 @@ template <class O, class F>
 requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
 firstlySync(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
     using T = detail::FirstlyValue<F, O&>;
-    auto outer = std::make_shared<detail::Seal<T>>();
+    auto outer = detail::SealRef<T>::make();
     std::weak_ptr<O> weakOwner(owner);
     queue.sync([&] { detail::runFirstlyWithOwner(outer, weakOwner, f); });
     return detail::PromiseAccess::make(std::move(outer));

@@ -73,11 +73,11 @@ namespace detail {
 // Internal access to a promise's seal, for the combinators built beside Promise.
 struct PromiseAccess {
     template <class T>
-    static const std::shared_ptr<Seal<T>>& seal(const Promise<T>& promise) noexcept {
+    static const SealRef<T>& seal(const Promise<T>& promise) noexcept {
         return promise.seal_;
     }
     template <class T>
-    static Promise<T> make(std::shared_ptr<Seal<T>> seal) {
+    static Promise<T> make(SealRef<T> seal) {
         return Promise<T>(std::move(seal));
     }
 };
@@ -134,13 +134,13 @@ class Executor {
     // Runs body(resolution) now or submits it; a submitted body keeps `source` (and so the
     // resolution it reads) alive until it has run.
     template <class T, class Body>
-    void run(const Resolution<T>& resolution, const std::shared_ptr<Seal<T>>& source,
-             Body&& body) const {
+    void run(const Resolution<T>& resolution, Seal<T>& source, Body&& body) const {
         if (kind_ == Kind::zalgo || (kind_ == Kind::zalgoIfMain && isMainThread())) {
             body(resolution);
             return;
         }
-        Task task([body = std::forward<Body>(body), source]() mutable noexcept {
+        Task task([body = std::forward<Body>(body),
+                   source = SealRef<T>::retained(source)]() mutable noexcept {
             body(source->settledResolution());
         });
         if (kind_ == Kind::zalgoIfMain) {
@@ -159,7 +159,7 @@ class Executor {
 // Calls `call` and returns true; if it throws, settles `derived` by the error rules of `then`
 // (PromiseError::cancelled cancels, anything else rejects) and returns false.
 template <class U, class Call>
-bool guardedCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexcept {
+bool guardedCall(const SealRef<U>& derived, Call&& call) noexcept {
     Error error;
     bool cancel = false;
     try {
@@ -180,18 +180,16 @@ bool guardedCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexcept 
 
 // Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once.
 template <class U>
-void follow(const std::shared_ptr<Seal<U>>& inner, std::shared_ptr<Seal<U>> derived) {
+void follow(const SealRef<U>& inner, SealRef<U> derived) {
     inner->addHandler(
-        [derived = std::move(derived)](const Resolution<U>& resolution,
-                                       const std::shared_ptr<Seal<U>>&) noexcept {
+        [derived = std::move(derived)](const Resolution<U>& resolution, Seal<U>&) noexcept {
             settle(derived, resolution);
-        },
-        inner);
+        });
 }
 
 // Settles `derived` from what a then-callable produced. `call` invokes the user's callable.
 template <class U, class R, class Call>
-void settleFromCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexcept {
+void settleFromCall(const SealRef<U>& derived, Call&& call) noexcept {
     if constexpr (PromiseTraits<R>::value) {
         std::optional<R> inner;
         if (guardedCall(derived, [&] { inner.emplace(call()); })) {
@@ -212,7 +210,7 @@ void settleFromCall(const std::shared_ptr<Seal<U>>& derived, Call&& call) noexce
 // The body of a then-handler once it runs on its queue: calls the callable for a value,
 // forwards an error or a cancellation.
 template <class U, class T, class ValueCase>
-void continueThen(const Resolution<T>& resolution, const std::shared_ptr<Seal<U>>& derived,
+void continueThen(const Resolution<T>& resolution, const SealRef<U>& derived,
                   ValueCase&& onValue) noexcept {
     if (resolution.isResolved()) {
         onValue();
@@ -234,23 +232,23 @@ class Promise {
     class Fulfill {
       public:
         void operator()(Value value) const requires(!std::is_void_v<T>) {
-            detail::settle(seal_, Resolution<T>::resolved(std::move(value)));
+            target_.settle(Resolution<T>::resolved(std::move(value)));
         }
         void operator()() const requires std::is_void_v<T> {
-            detail::settle(seal_, Resolution<T>::resolved());
+            target_.settle(Resolution<T>::resolved());
         }
 
       private:
         friend class Promise;
-        explicit Fulfill(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
-        std::shared_ptr<detail::Seal<T>> seal_;
+        explicit Fulfill(detail::SettleTarget<T> target) : target_(std::move(target)) {}
+        detail::SettleTarget<T> target_;
     };
 
     // Rejects the promise with an Error, or with any std::exception-derived object.
     class Reject {
       public:
         void operator()(Error error) const {
-            detail::settle(seal_, Resolution<T>::rejected(std::move(error)));
+            target_.settle(Resolution<T>::rejected(std::move(error)));
         }
         template <class E>
         requires std::derived_from<std::decay_t<E>, std::exception>
@@ -260,19 +258,19 @@ class Promise {
 
       private:
         friend class Promise;
-        explicit Reject(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
-        std::shared_ptr<detail::Seal<T>> seal_;
+        explicit Reject(detail::SettleTarget<T> target) : target_(std::move(target)) {}
+        detail::SettleTarget<T> target_;
     };
 
     // Cancels the promise.
     class Cancel {
       public:
-        void operator()() const { detail::settle(seal_, Resolution<T>::cancelled()); }
+        void operator()() const { target_.settle(Resolution<T>::cancelled()); }
 
       private:
         friend class Promise;
-        explicit Cancel(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
-        std::shared_ptr<detail::Seal<T>> seal_;
+        explicit Cancel(detail::SettleTarget<T> target) : target_(std::move(target)) {}
+        detail::SettleTarget<T> target_;
     };
 
     // Settles the promise from a Result: success fulfils, failed rejects.
@@ -280,16 +278,16 @@ class Promise {
       public:
         void operator()(Result<T> result) const {
             if (result.isSuccess()) {
-                detail::settle(seal_, Resolution<T>::resolved(std::move(result).value()));
+                target_.settle(Resolution<T>::resolved(std::move(result).value()));
             } else {
-                detail::settle(seal_, Resolution<T>::rejected(result.error()));
+                target_.settle(Resolution<T>::rejected(result.error()));
             }
         }
 
       private:
         friend class Promise;
-        explicit Completion(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
-        std::shared_ptr<detail::Seal<T>> seal_;
+        explicit Completion(detail::SettleTarget<T> target) : target_(std::move(target)) {}
+        detail::SettleTarget<T> target_;
     };
 
     // A pending promise; `body(fulfill, reject)` or `body(fulfill, reject, cancel)` is called
@@ -297,24 +295,25 @@ class Promise {
     template <class Body>
     requires(std::is_invocable_v<Body&, Fulfill, Reject, Cancel> ||
              std::is_invocable_v<Body&, Fulfill, Reject>) explicit Promise(Body&& body)
-        : seal_(std::make_shared<detail::Seal<T>>()) {
+        : seal_(detail::SealRef<T>::make()) {
+        // The callables borrow this promise's reference for the call; copies the body keeps
+        // take their own.
+        auto target = [this] { return detail::SettleTarget<T>::borrowing(*seal_); };
         if constexpr (std::is_invocable_v<Body&, Fulfill, Reject, Cancel>) {
-            body(Fulfill(seal_), Reject(seal_), Cancel(seal_));
+            body(Fulfill(target()), Reject(target()), Cancel(target()));
         } else {
-            body(Fulfill(seal_), Reject(seal_));
+            body(Fulfill(target()), Reject(target()));
         }
     }
 
     static Promise fulfilled(Value value) requires(!std::is_void_v<T>) {
-        return Promise(
-            std::make_shared<detail::Seal<T>>(Resolution<T>::resolved(std::move(value))));
+        return Promise(detail::SealRef<T>::make(Resolution<T>::resolved(std::move(value))));
     }
     static Promise fulfilled() requires std::is_void_v<T> {
-        return Promise(std::make_shared<detail::Seal<T>>(Resolution<T>::resolved()));
+        return Promise(detail::SealRef<T>::make(Resolution<T>::resolved()));
     }
     static Promise rejected(Error error) {
-        return Promise(
-            std::make_shared<detail::Seal<T>>(Resolution<T>::rejected(std::move(error))));
+        return Promise(detail::SealRef<T>::make(Resolution<T>::rejected(std::move(error))));
     }
     template <class E>
     requires std::derived_from<std::decay_t<E>, std::exception>
@@ -327,8 +326,8 @@ class Promise {
     template <class Block>
     requires std::is_invocable_v<Block&, Completion>
     static Promise withCompletion(Block&& block) {
-        Promise promise(std::make_shared<detail::Seal<T>>());
-        block(Completion(promise.seal_));
+        Promise promise(detail::SealRef<T>::make());
+        block(Completion(detail::SettleTarget<T>::borrowing(*promise.seal_)));
         return promise;
     }
 
@@ -341,7 +340,7 @@ class Promise {
 
     // A no-value promise fulfilled at `until` by the default-quality global queue.
     static Promise delay(DispatchTime until) requires std::is_void_v<T> {
-        Promise promise(std::make_shared<detail::Seal<T>>());
+        Promise promise(detail::SealRef<T>::make());
         DispatchQueue::global(DispatchQoS::default_).asyncAfter(until, [seal = promise.seal_] {
             detail::settle(seal, Resolution<T>::resolved());
         });
@@ -352,22 +351,20 @@ class Promise {
     auto then(const DispatchQueue& queue, F&& f) const -> Promise<detail::ThenValue<T, F>> {
         using U = detail::ThenValue<T, F>;
         using R = typename detail::CallResult<T, F>::type;
-        auto derived = std::make_shared<detail::Seal<U>>();
-        seal_->addHandler(
-            [executor = detail::Executor(queue), derived, f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                executor.run(resolution, source,
-                             [derived = std::move(derived),
-                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                                 detail::continueThen(resolution, derived, [&] {
-                                     detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
-                                         return detail::callWithValue(f, resolution);
-                                     });
+        auto [derived, settled] = detail::SealRef<U>::makePair();
+        seal_->addHandler([executor = detail::Executor(queue), derived = std::move(settled),
+                           f = std::forward<F>(f)](const Resolution<T>& resolution,
+                                                   detail::Seal<T>& source) mutable noexcept {
+            executor.run(resolution, source,
+                         [derived = std::move(derived),
+                          f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                             detail::continueThen(resolution, derived, [&] {
+                                 detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
+                                     return detail::callWithValue(f, resolution);
                                  });
                              });
-            },
-            seal_);
+                         });
+        });
         return Promise<U>(std::move(derived));
     }
 
@@ -376,50 +373,44 @@ class Promise {
         -> Promise<detail::ThenValue<T, F, O&>> {
         using U = detail::ThenValue<T, F, O&>;
         using R = typename detail::CallResult<T, F, O&>::type;
-        auto derived = std::make_shared<detail::Seal<U>>();
-        seal_->addHandler(
-            [executor = detail::Executor(queue), derived, owner = std::weak_ptr<O>(owner),
-             f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                executor.run(resolution, source,
-                             [derived = std::move(derived), owner = std::move(owner),
-                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                                 detail::continueThen(resolution, derived, [&] {
-                                     std::shared_ptr<O> strong = owner.lock();
-                                     if (!strong) {
-                                         detail::settle(
-                                             derived,
-                                             Resolution<U>::rejected(
-                                                 std::make_exception_ptr(PromiseError::abandoned)));
-                                         return;
-                                     }
-                                     detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
-                                         return detail::callWithValue(f, resolution, *strong);
-                                     });
+        auto [derived, settled] = detail::SealRef<U>::makePair();
+        seal_->addHandler([executor = detail::Executor(queue), derived = std::move(settled),
+                           owner = std::weak_ptr<O>(owner),
+                           f = std::forward<F>(f)](const Resolution<T>& resolution,
+                                                   detail::Seal<T>& source) mutable noexcept {
+            executor.run(resolution, source,
+                         [derived = std::move(derived), owner = std::move(owner),
+                          f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                             detail::continueThen(resolution, derived, [&] {
+                                 std::shared_ptr<O> strong = owner.lock();
+                                 if (!strong) {
+                                     detail::settle(derived,
+                                                    Resolution<U>::rejected(std::make_exception_ptr(
+                                                        PromiseError::abandoned)));
+                                     return;
+                                 }
+                                 detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
+                                     return detail::callWithValue(f, resolution, *strong);
                                  });
                              });
-            },
-            seal_);
+                         });
+        });
         return Promise<U>(std::move(derived));
     }
 
     template <class F>
     requires std::is_invocable_v<F&, const Error&> Promise error(const DispatchQueue& queue, F&& f)
     const {
-        seal_->addHandler(
-            [executor = detail::Executor(queue), f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                if (resolution.isRejected()) {
-                    executor.run(
-                        resolution, source,
-                        [f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                            f(resolution.error());
-                        });
-                }
-            },
-            seal_);
+        seal_->addHandler([executor = detail::Executor(queue), f = std::forward<F>(f)](
+                              const Resolution<T>& resolution,
+                              detail::Seal<T>& source) mutable noexcept {
+            if (resolution.isRejected()) {
+                executor.run(resolution, source,
+                             [f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                                 f(resolution.error());
+                             });
+            }
+        });
         return *this;
     }
 
@@ -427,22 +418,19 @@ class Promise {
     requires std::is_invocable_v<F&, const Error&, O&> Promise
     error(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f)
     const {
-        seal_->addHandler(
-            [executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
-             f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                if (resolution.isRejected()) {
-                    executor.run(resolution, source,
-                                 [owner = std::move(owner), f = std::move(f)](
-                                     const Resolution<T>& resolution) mutable noexcept {
-                                     if (std::shared_ptr<O> strong = owner.lock()) {
-                                         f(resolution.error(), *strong);
-                                     }
-                                 });
-                }
-            },
-            seal_);
+        seal_->addHandler([executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
+                           f = std::forward<F>(f)](const Resolution<T>& resolution,
+                                                   detail::Seal<T>& source) mutable noexcept {
+            if (resolution.isRejected()) {
+                executor.run(resolution, source,
+                             [owner = std::move(owner),
+                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
+                                 if (std::shared_ptr<O> strong = owner.lock()) {
+                                     f(resolution.error(), *strong);
+                                 }
+                             });
+            }
+        });
         return *this;
     }
 
@@ -451,12 +439,10 @@ class Promise {
     const {
         seal_->addHandler(
             [executor = detail::Executor(queue), f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
+                const Resolution<T>& resolution, detail::Seal<T>& source) mutable noexcept {
                 executor.run(resolution, source,
                              [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
-            },
-            seal_);
+            });
         return *this;
     }
 
@@ -464,37 +450,31 @@ class Promise {
     requires std::is_invocable_v<F&, O&> Promise always(const DispatchQueue& queue,
                                                         const std::shared_ptr<O>& owner, F&& f)
     const {
-        seal_->addHandler(
-            [executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
-             f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                executor.run(resolution, source,
-                             [owner = std::move(owner),
-                              f = std::move(f)](const Resolution<T>&) mutable noexcept {
-                                 if (std::shared_ptr<O> strong = owner.lock()) {
-                                     f(*strong);
-                                 }
-                             });
-            },
-            seal_);
+        seal_->addHandler([executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
+                           f = std::forward<F>(f)](const Resolution<T>& resolution,
+                                                   detail::Seal<T>& source) mutable noexcept {
+            executor.run(resolution, source,
+                         [owner = std::move(owner),
+                          f = std::move(f)](const Resolution<T>&) mutable noexcept {
+                             if (std::shared_ptr<O> strong = owner.lock()) {
+                                 f(*strong);
+                             }
+                         });
+        });
         return *this;
     }
 
     template <class F>
     requires std::is_invocable_v<F&> Promise cancelled(const DispatchQueue& queue, F&& f)
     const {
-        seal_->addHandler(
-            [executor = detail::Executor(queue), f = std::forward<F>(f)](
-                const Resolution<T>& resolution,
-                const std::shared_ptr<detail::Seal<T>>& source) mutable noexcept {
-                if (resolution.isCancelled()) {
-                    executor.run(
-                        resolution, source,
-                        [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
-                }
-            },
-            seal_);
+        seal_->addHandler([executor = detail::Executor(queue), f = std::forward<F>(f)](
+                              const Resolution<T>& resolution,
+                              detail::Seal<T>& source) mutable noexcept {
+            if (resolution.isCancelled()) {
+                executor.run(resolution, source,
+                             [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
+            }
+        });
         return *this;
     }
 
@@ -601,12 +581,13 @@ class Promise {
     friend struct DeferredPromise<T>;
     friend struct detail::PromiseAccess;
 
-    explicit Promise(std::shared_ptr<detail::Seal<T>> seal) : seal_(std::move(seal)) {}
+    explicit Promise(detail::SealRef<T> seal) : seal_(std::move(seal)) {}
 
     // A pending promise with its fulfil and reject callables, for DeferredPromise.
     static std::tuple<Promise, Fulfill, Reject> makeDeferred() {
-        auto seal = std::make_shared<detail::Seal<T>>();
-        return {Promise(seal), Fulfill(seal), Reject(seal)};
+        auto seal = detail::SealRef<T>::make();
+        return {Promise(seal), Fulfill(detail::SettleTarget<T>::owning(seal)),
+                Reject(detail::SettleTarget<T>::owning(seal))};
     }
 
     // The runner of race: runs the first block given to it, through a private serial queue,
@@ -636,7 +617,7 @@ class Promise {
     struct AllState {
         std::vector<Promise> inputs;
         std::vector<Value> values;
-        std::shared_ptr<detail::Seal<std::vector<Value>>> result;
+        detail::SealRef<std::vector<Value>> result;
 
         // Takes the resolution of input values.size(); false once it has settled the result.
         bool take(const Resolution<T>& resolution) {
@@ -666,14 +647,13 @@ class Promise {
                          const detail::Seal<T>* settling = nullptr,
                          const Resolution<T>* settled = nullptr) {
             while (state->values.size() < state->inputs.size()) {
-                std::shared_ptr<detail::Seal<T>> seal =
-                    std::move(state->inputs[state->values.size()].seal_);
+                detail::SealRef<T> seal = std::move(state->inputs[state->values.size()].seal_);
                 const Resolution<T>* resolution =
                     seal.get() == settling ? settled : seal->resolutionOrAddHandler([&state] {
                         return [state](const Resolution<T>& resolution,
-                                       const std::shared_ptr<detail::Seal<T>>& source) noexcept {
+                                       detail::Seal<T>& source) noexcept {
                             if (state->take(resolution)) {
-                                walk(state, source.get(), &resolution);
+                                walk(state, &source, &resolution);
                             }
                         };
                     });
@@ -686,7 +666,7 @@ class Promise {
         }
     };
 
-    std::shared_ptr<detail::Seal<T>> seal_;  // never null, never replaced
+    detail::SealRef<T> seal_;  // never null, never replaced
 };
 
 template <class T>
@@ -698,7 +678,7 @@ Promise<std::vector<typename Promise<T>::Value>> Promise<T>::all(std::vector<Pro
     auto state = std::make_shared<AllState>();
     state->values.reserve(promises.size());
     state->inputs = std::move(promises);
-    state->result = std::make_shared<detail::Seal<Values>>();
+    state->result = detail::SealRef<Values>::make();
     Promise<Values> result(state->result);
     AllState::walk(state);
     return result;
@@ -706,20 +686,18 @@ Promise<std::vector<typename Promise<T>::Value>> Promise<T>::all(std::vector<Pro
 
 template <class T>
 Promise<T> Promise<T>::race(std::vector<Promise> promises) {
-    auto result = std::make_shared<detail::Seal<T>>();
+    auto result = detail::SealRef<T>::make();
     if (promises.empty()) {
         return Promise(std::move(result));
     }
     auto runner = std::make_shared<FirstBlockRunner>();
     for (const Promise& promise : promises) {
         promise.seal_->addHandler(
-            [runner, result](const Resolution<T>& resolution,
-                             const std::shared_ptr<detail::Seal<T>>&) noexcept {
+            [runner, result](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
                 if (!resolution.isCancelled()) {
                     runner->run([&] { detail::settle(result, resolution); });
                 }
-            },
-            promise.seal_);
+            });
     }
     return Promise(std::move(result));
 }

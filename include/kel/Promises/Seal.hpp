@@ -6,16 +6,20 @@
 // in registration order (the first one inline, the rest in a vector) and are called, in that
 // order and under the seal's lock, when it resolves; a handler registered on a resolved seal is
 // called at once, also under the lock. The handlers are destroyed after the lock is released,
-// so what they capture is never destroyed inside the critical section.
+// so what they capture is never destroyed inside the critical section. Once resolved, the
+// resolution never changes, so reading it (resolution(), state()) takes no lock: an atomic flag,
+// set under the lock before any handler runs, publishes it.
 //
 // Thread rules: settle, addHandler and resolutionOrAddHandler may be called from any thread,
 // concurrently; exactly one settlement wins, and each handler runs exactly once. A handler runs
 // under the seal's lock, so it must not settle or register on the same seal.
-// Ownership: shared by the promise handles and the settle callables through std::shared_ptr.
+// Ownership: reference counted. SealRef is the owning pointer (promise handles, handlers that
+// keep a seal alive); SettleTarget is the reference inside the settle callables.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
-#include <memory>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -24,44 +28,69 @@
 #include <vector>
 
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 #include "kel/Promises/Resolution.hpp"
+#include "kel/Promises/SealAllocator.hpp"
 
 namespace kel::detail {
 
 template <class T>
 class Seal;
 
-// A handler of a seal. Callables up to 80 bytes are stored inline, which covers the handlers of
-// `then`, `error`, `always` and `cancelled` with small user callables, so that registering them
-// does not allocate.
+// A handler of a seal: called with the resolution and the seal that resolved, through which a
+// handler that submits work can take a reference to keep the resolution alive. Callables up to
+// 80 bytes are stored inline, which covers the handlers of `then`, `error`, `always` and
+// `cancelled` with small user callables, so that registering them does not allocate.
 template <class T>
-using SealHandler = InlineFunction<void(const Resolution<T>&, const std::shared_ptr<Seal<T>>&), 80>;
+using SealHandler = InlineFunction<void(const Resolution<T>&, Seal<T>&), 80>;
 
 template <class T>
 class Seal {
   public:
     enum class State { pending, resolved };
 
-    Seal() = default;
-    explicit Seal(Resolution<T> resolution) : resolution_(std::move(resolution)) {}
+    // A new seal with one reference, owned by the caller (see SealRef::make). User-provided, so
+    // that `new Seal()` does not zero the whole object before the members initialise themselves.
+    Seal() noexcept {}
+    // A new pending seal with two references (see SealRef::makePair).
+    struct TwoOwners {};
+    explicit Seal(TwoOwners) noexcept : references_(2) {}
+    explicit Seal(Resolution<T> resolution) : resolution_(std::move(resolution)), resolved_(true) {}
     Seal(const Seal&) = delete;
     Seal& operator=(const Seal&) = delete;
 
+    static void* operator new(std::size_t size) { return SealAllocator::allocate(size); }
+    static void operator delete(void* block, std::size_t size) noexcept {
+        SealAllocator::deallocate(block, size);
+    }
+
+    // Takes one more reference; the caller must already hold one.
+    void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
+
+    // Drops a reference and destroys the seal with the last one. A sole owner skips the atomic
+    // decrement: no other thread can take a reference to a seal that only the caller holds.
+    void release() noexcept {
+        if (references_.load(std::memory_order_acquire) == 1 ||
+            references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete this;
+        }
+    }
+
     // Settles the seal unless it is already resolved, then runs the stored handlers in
-    // registration order. `self` is the shared pointer through which the seal was reached; it
-    // is handed to the handlers so that work they submit can keep the resolution alive.
-    void settle(Resolution<T> resolution, const std::shared_ptr<Seal>& self) {
+    // registration order. The caller holds a reference for the duration of the call.
+    void settle(Resolution<T>&& resolution) {
         {
             std::lock_guard guard(lock_);
-            if (resolution_) {
+            if (resolved_.load(std::memory_order_relaxed)) {
                 return;
             }
             resolution_.emplace(std::move(resolution));
+            resolved_.store(true, std::memory_order_release);
             if (first_) {
-                first_(*resolution_, self);
+                first_(*resolution_, *this);
                 for (auto& handler : more_) {
-                    handler(*resolution_, self);
+                    handler(*resolution_, *this);
                 }
             }
         }
@@ -72,10 +101,10 @@ class Seal {
 
     // Calls `handler` at once (under the lock) if the seal is resolved, otherwise stores it.
     template <class H>
-    void addHandler(H&& handler, const std::shared_ptr<Seal>& self) {
+    void addHandler(H&& handler) {
         std::lock_guard guard(lock_);
-        if (resolution_) {
-            handler(*resolution_, self);
+        if (resolved_.load(std::memory_order_relaxed)) {
+            handler(*resolution_, *this);
         } else {
             store(std::forward<H>(handler));
         }
@@ -87,7 +116,7 @@ class Seal {
     template <class MakeHandler>
     const Resolution<T>* resolutionOrAddHandler(MakeHandler&& makeHandler) {
         std::lock_guard guard(lock_);
-        if (resolution_) {
+        if (resolved_.load(std::memory_order_relaxed)) {
             return &*resolution_;
         }
         store(makeHandler());
@@ -97,15 +126,16 @@ class Seal {
     // The resolution of a seal already seen resolved (it never changes afterwards).
     const Resolution<T>& settledResolution() const noexcept { return *resolution_; }
 
+    bool isResolved() const noexcept { return resolved_.load(std::memory_order_acquire); }
+
     std::optional<Resolution<T>> resolution() const {
-        std::lock_guard guard(lock_);
-        return resolution_;
+        if (isResolved()) {
+            return *resolution_;
+        }
+        return std::nullopt;
     }
 
-    State state() const {
-        std::lock_guard guard(lock_);
-        return resolution_ ? State::resolved : State::pending;
-    }
+    State state() const noexcept { return isResolved() ? State::resolved : State::pending; }
 
   private:
     template <class H>
@@ -117,16 +147,122 @@ class Seal {
         }
     }
 
+    std::atomic<std::uint32_t> references_{1};
     mutable MutexLock lock_;
-    // The state is "resolved" exactly when this holds a value; set once, never changed.
-    std::optional<Resolution<T>> resolution_;  // guarded by lock_
-    SealHandler<T> first_;                     // guarded by lock_ while pending
-    std::vector<SealHandler<T>> more_;         // guarded by lock_ while pending
+    // Written once under lock_, before resolved_ is set; read-only afterwards.
+    std::optional<Resolution<T>> resolution_;
+    std::atomic<bool> resolved_{false};  // set once, under lock_; publishes resolution_
+    SealHandler<T> first_;               // guarded by lock_ while pending
+    std::vector<SealHandler<T>> more_;   // guarded by lock_ while pending
+};
+
+// An owning pointer to a seal: copying takes a reference, destroying drops it.
+template <class T>
+class SealRef {
+  public:
+    SealRef() noexcept = default;
+
+    // A new seal, constructed from `args`, owned by the returned pointer.
+    template <class... Args>
+    static SealRef make(Args&&... args) {
+        return SealRef(new Seal<T>(std::forward<Args>(args)...));
+    }
+
+    // A new pending seal owned by two pointers (a promise and the handler that settles it),
+    // without an atomic increment for the second.
+    static std::pair<SealRef, SealRef> makePair() {
+        auto* seal = new Seal<T>(typename Seal<T>::TwoOwners{});
+        return {SealRef(seal), SealRef(seal)};
+    }
+
+    // Another reference to a seal the caller already holds one to.
+    static SealRef retained(Seal<T>& seal) noexcept {
+        seal.retain();
+        return SealRef(&seal);
+    }
+
+    SealRef(const SealRef& other) noexcept : seal_(other.seal_) {
+        if (seal_ != nullptr) {
+            seal_->retain();
+        }
+    }
+    SealRef(SealRef&& other) noexcept : seal_(std::exchange(other.seal_, nullptr)) {}
+    SealRef& operator=(SealRef other) noexcept {
+        std::swap(seal_, other.seal_);
+        return *this;
+    }
+    ~SealRef() {
+        if (seal_ != nullptr) {
+            seal_->release();
+        }
+    }
+
+    Seal<T>* get() const noexcept { return seal_; }
+    Seal<T>* operator->() const noexcept { return seal_; }
+    Seal<T>& operator*() const noexcept { return *seal_; }
+
+    friend bool operator==(const SealRef& a, const SealRef& b) noexcept {
+        return a.seal_ == b.seal_;
+    }
+
+  private:
+    explicit SealRef(Seal<T>* adopted) noexcept : seal_(adopted) {}
+
+    Seal<T>* seal_ = nullptr;
+};
+
+// The seal inside a settle callable (fulfil, reject, cancel, completion). The callables that a
+// promise's constructor hands to its body borrow the constructor's reference, so a body that
+// only calls them costs no reference counting; a copy or a move of a callable owns a reference
+// of its own, so a body may keep one as long as it likes.
+template <class T>
+class SettleTarget {
+  public:
+    static SettleTarget borrowing(Seal<T>& seal) noexcept { return SettleTarget(&seal, false); }
+    static SettleTarget owning(const SealRef<T>& seal) noexcept {
+        seal->retain();
+        return SettleTarget(seal.get(), true);
+    }
+
+    SettleTarget(const SettleTarget& other) noexcept : seal_(other.seal_), owns_(seal_ != nullptr) {
+        if (owns_) {
+            seal_->retain();
+        }
+    }
+    SettleTarget(SettleTarget&& other) noexcept : seal_(other.seal_), owns_(seal_ != nullptr) {
+        if (other.owns_) {
+            other.seal_ = nullptr;
+            other.owns_ = false;
+        } else if (owns_) {
+            seal_->retain();
+        }
+    }
+    SettleTarget& operator=(SettleTarget other) noexcept {
+        std::swap(seal_, other.seal_);
+        std::swap(owns_, other.owns_);
+        return *this;
+    }
+    ~SettleTarget() {
+        if (owns_) {
+            seal_->release();
+        }
+    }
+
+    void settle(Resolution<T>&& resolution) const {
+        KEL_PRECONDITION(seal_ != nullptr, "a moved-from settle callable was called");
+        seal_->settle(std::move(resolution));
+    }
+
+  private:
+    SettleTarget(Seal<T>* seal, bool owns) noexcept : seal_(seal), owns_(owns) {}
+
+    Seal<T>* seal_;
+    bool owns_;  // false for a borrowed target, and after being moved from
 };
 
 template <class T>
-void settle(const std::shared_ptr<Seal<T>>& seal, Resolution<T> resolution) {
-    seal->settle(std::move(resolution), seal);
+void settle(const SealRef<T>& seal, Resolution<T> resolution) {
+    seal->settle(std::move(resolution));
 }
 
 }  // namespace kel::detail

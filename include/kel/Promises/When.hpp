@@ -62,16 +62,14 @@ void watchInput(const std::shared_ptr<State>& state, const DispatchGroup& group,
                 const Promise<T>& input) {
     group.enter();
     const auto& seal = PromiseAccess::seal(input);
-    seal->addHandler(
-        [state, group](const Resolution<T>& resolution, const std::shared_ptr<Seal<T>>&) noexcept {
-            if (resolution.isResolved()) {
-                std::get<I>(state->values).emplace(resolution.value());
-            } else if (resolution.isRejected()) {
-                state->errors[I] = resolution.error();
-            }
-            group.leave();
-        },
-        seal);
+    seal->addHandler([state, group](const Resolution<T>& resolution, Seal<T>&) noexcept {
+        if (resolution.isResolved()) {
+            std::get<I>(state->values).emplace(resolution.value());
+        } else if (resolution.isRejected()) {
+            state->errors[I] = resolution.error();
+        }
+        group.leave();
+    });
 }
 
 // Watches every input and settles the result with decide(state) once all have settled.
@@ -79,7 +77,7 @@ template <class R, class Decide, class... Ts>
 Promise<R> joinTuple(const DispatchQueue& queue, Decide decide, const Promise<Ts>&... inputs) {
     using State = TupleJoinState<Ts...>;
     auto state = std::make_shared<State>();
-    auto result = std::make_shared<Seal<R>>();
+    auto result = SealRef<R>::make();
     DispatchGroup group;
     [&]<std::size_t... I>(std::index_sequence<I...>) {
         (watchInput<I>(state, group, inputs), ...);
@@ -108,22 +106,20 @@ Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
     auto state = std::make_shared<State>();
     state->values.resize(promises.size());
     state->errors.resize(promises.size());
-    auto result = std::make_shared<detail::Seal<std::vector<V>>>();
+    auto result = detail::SealRef<std::vector<V>>::make();
     DispatchGroup group;
     for (std::size_t index = 0; index < promises.size(); ++index) {
         group.enter();
         const auto& seal = detail::PromiseAccess::seal(promises[index]);
         seal->addHandler(
-            [state, group, index](const Resolution<T>& resolution,
-                                  const std::shared_ptr<detail::Seal<T>>&) noexcept {
+            [state, group, index](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
                 if (resolution.isResolved()) {
                     state->values[index].emplace(resolution.value());
                 } else if (resolution.isRejected()) {
                     state->errors[index] = resolution.error();
                 }
                 group.leave();
-            },
-            seal);
+            });
     }
     group.notify(queue, [state, result] {
         std::vector<Error> errors;
