@@ -30,6 +30,7 @@
 #include "kel/Extensions/URLString.hpp"
 #include "kel/Platform/Calendar.hpp"
 #include "kel/Platform/Cancellable.hpp"
+#include "kel/Platform/CaseError.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/DispatchTime.hpp"

@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Platform/CaseError.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/UUID.hpp"
 #include "kel/Platform/WeakMapTable.hpp"
@@ -35,28 +36,19 @@ namespace kel {
 
 // The errors of every AsyncObjectApplicator, whatever its template arguments; reached as
 // AsyncObjectApplicator<Object, Value>::Errors.
-class AsyncObjectApplicatorErrors : public std::exception {
+enum class AsyncObjectApplicatorErrorsCase : unsigned char { cancelled };
+
+class AsyncObjectApplicatorErrors
+    : public CaseError<AsyncObjectApplicatorErrors, AsyncObjectApplicatorErrorsCase> {
   public:
-    enum class Case : unsigned char { cancelled };
+    using CaseError::CaseError;
 
     static const AsyncObjectApplicatorErrors cancelled;
 
-    explicit AsyncObjectApplicatorErrors(Case value) noexcept : case_(value) {}
-
-    Case value() const noexcept { return case_; }
-    const char* what() const noexcept override { return "AsyncObjectApplicator.Errors.cancelled"; }
-
-    friend bool operator==(const AsyncObjectApplicatorErrors& a,
-                           const AsyncObjectApplicatorErrors& b) noexcept {
-        return a.case_ == b.case_;
-    }
-
-  private:
-    Case case_;
+    static constexpr const char* caseTexts[] = {"AsyncObjectApplicator.Errors.cancelled"};
 };
 
-inline const AsyncObjectApplicatorErrors AsyncObjectApplicatorErrors::cancelled{
-    AsyncObjectApplicatorErrors::Case::cancelled};
+inline const AsyncObjectApplicatorErrors AsyncObjectApplicatorErrors::cancelled{Case::cancelled};
 
 template <class Object, class Value>
 class AsyncObjectApplicator {

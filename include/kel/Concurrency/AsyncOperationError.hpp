@@ -9,38 +9,21 @@
 // Thread rules: a value type; copies may travel to any thread.
 #pragma once
 
-#include <cstddef>
-#include <exception>
-#include <functional>
+#include "kel/Platform/CaseError.hpp"
 
 namespace kel {
 
-class AsyncOperationError : public std::exception {
+enum class AsyncOperationErrorCase : unsigned char { cancelled };
+
+class AsyncOperationError : public CaseError<AsyncOperationError, AsyncOperationErrorCase> {
   public:
-    enum class Case : unsigned char { cancelled };
+    using CaseError::CaseError;
 
     static const AsyncOperationError cancelled;
 
-    explicit AsyncOperationError(Case value) noexcept : case_(value) {}
-
-    Case value() const noexcept { return case_; }
-    const char* what() const noexcept override;
-
-    friend bool operator==(const AsyncOperationError& a, const AsyncOperationError& b) noexcept {
-        return a.case_ == b.case_;
-    }
-
-  private:
-    Case case_;
+    static constexpr const char* caseTexts[] = {"AsyncOperationError.cancelled"};
 };
 
 inline const AsyncOperationError AsyncOperationError::cancelled{Case::cancelled};
 
 }  // namespace kel
-
-template <>
-struct std::hash<kel::AsyncOperationError> {
-    std::size_t operator()(const kel::AsyncOperationError& error) const noexcept {
-        return static_cast<std::size_t>(error.value());
-    }
-};
