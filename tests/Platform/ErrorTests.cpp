@@ -4,6 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <unordered_set>
+
+#include "kel/Concurrency/AsyncObjectApplicator.hpp"
+#include "kel/Concurrency/AsyncOperationError.hpp"
+#include "kel/Promises/PromiseError.hpp"
 
 namespace {
 
@@ -31,6 +36,26 @@ TEST(ErrorType, TestsAndExtractsByTypeIncludingBases) {
     EXPECT_STREQ(extracted->what(), "custom");
     EXPECT_FALSE(kel::errorAs<std::logic_error>(error).has_value());
     EXPECT_FALSE(kel::errorAs<CustomError>(kel::Error{}).has_value());
+}
+
+// The case-only errors: thrown as their named constants, caught by type, compared and hashed by
+// case, described by the case's own text.
+TEST(CaseError, CasesCompareHashAndDescribeThemselves) {
+    kel::Error thrown = kel::makeError(kel::PromiseError::abandoned);
+    auto caught = kel::errorAs<kel::PromiseError>(thrown);
+    ASSERT_TRUE(caught.has_value());
+    EXPECT_TRUE(*caught == kel::PromiseError::abandoned);
+    EXPECT_FALSE(*caught == kel::PromiseError::cancelled);
+    EXPECT_EQ(kel::errorDescription(thrown), "PromiseError.abandoned");
+    EXPECT_STREQ(kel::PromiseError::cancelled.what(), "PromiseError.cancelled");
+    EXPECT_STREQ(kel::AsyncOperationError::cancelled.what(), "AsyncOperationError.cancelled");
+    using ApplicatorErrors = kel::AsyncObjectApplicator<int, int>::Errors;
+    EXPECT_STREQ(ApplicatorErrors::cancelled.what(), "AsyncObjectApplicator.Errors.cancelled");
+
+    std::unordered_set<kel::PromiseError> seen{
+        kel::PromiseError::cancelled, kel::PromiseError::abandoned, kel::PromiseError::cancelled};
+    EXPECT_EQ(seen.size(), 2U);
+    EXPECT_TRUE(seen.contains(kel::PromiseError::abandoned));
 }
 
 TEST(DomainError, DescriptionComesFromUserInfoOrDomainAndCode) {
