@@ -131,6 +131,11 @@ class Executor {
         }
     }
 
+    // Whether a callable for `queue` runs at once on this thread.
+    static bool runsAtOnce(const DispatchQueue& queue) {
+        return queue == zalgo() || (queue == zalgoIfMain() && isMainThread());
+    }
+
     // Runs body(resolution) now or submits it; a submitted body keeps `source` (and so the
     // resolution it reads) alive until it has run.
     template <class T, class Body>
@@ -156,26 +161,35 @@ class Executor {
     std::optional<DispatchQueue> queue_;  // set for Kind::queue only
 };
 
-// Calls `call` and returns true; if it throws, settles `derived` by the error rules of `then`
-// (PromiseError::cancelled cancels, anything else rejects) and returns false.
-template <class U, class Call>
-bool guardedCall(const SealRef<U>& derived, Call&& call) noexcept {
-    Error error;
-    bool cancel = false;
+// The outcome of a then-callable that threw, by the error rules of `then`:
+// PromiseError::cancelled cancels, anything else rejects. Called from inside a catch block.
+template <class U>
+Resolution<U> resolutionOfThrown() noexcept {
     try {
-        call();
-        return true;
+        throw;
     } catch (const PromiseError& e) {
-        cancel = e == PromiseError::cancelled;
-        if (!cancel) {
-            error = std::current_exception();
+        if (e == PromiseError::cancelled) {
+            return Resolution<U>::cancelled();
+        }
+        return Resolution<U>::rejected(std::current_exception());
+    } catch (...) {
+        return Resolution<U>::rejected(std::current_exception());
+    }
+}
+
+// The outcome of a then-callable that returns a value (or nothing). `call` invokes it.
+template <class U, class R, class Call>
+Resolution<U> resolutionFromCall(Call&& call) noexcept {
+    try {
+        if constexpr (std::is_void_v<R>) {
+            call();
+            return Resolution<U>::resolved();
+        } else {
+            return Resolution<U>::resolved(call());
         }
     } catch (...) {
-        error = std::current_exception();
+        return resolutionOfThrown<U>();
     }
-    settle(derived,
-           cancel ? Resolution<U>::cancelled() : Resolution<U>::rejected(std::move(error)));
-    return false;
 }
 
 // Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once.
@@ -192,18 +206,15 @@ template <class U, class R, class Call>
 void settleFromCall(const SealRef<U>& derived, Call&& call) noexcept {
     if constexpr (PromiseTraits<R>::value) {
         std::optional<R> inner;
-        if (guardedCall(derived, [&] { inner.emplace(call()); })) {
-            follow(PromiseAccess::seal(*inner), derived);
+        try {
+            inner.emplace(call());
+        } catch (...) {
+            settle(derived, resolutionOfThrown<U>());
+            return;
         }
-    } else if constexpr (std::is_void_v<R>) {
-        if (guardedCall(derived, call)) {
-            settle(derived, Resolution<U>::resolved());
-        }
+        follow(PromiseAccess::seal(*inner), derived);
     } else {
-        std::optional<R> value;
-        if (guardedCall(derived, [&] { value.emplace(call()); })) {
-            settle(derived, Resolution<U>::resolved(std::move(*value)));
-        }
+        settle(derived, resolutionFromCall<U, R>(call));
     }
 }
 
@@ -219,6 +230,20 @@ void continueThen(const Resolution<T>& resolution, const SealRef<U>& derived,
     } else {
         settle(derived, Resolution<U>::cancelled());
     }
+}
+
+// The outcome of a then whose callable returns a value (or nothing), given the resolution of
+// the promise it was chained on: the callable's result for a value, the error or the
+// cancellation forwarded otherwise.
+template <class U, class R, class T, class Call>
+Resolution<U> thenResolution(const Resolution<T>& resolution, Call&& call) noexcept {
+    if (resolution.isResolved()) {
+        return resolutionFromCall<U, R>(call);
+    }
+    if (resolution.isRejected()) {
+        return Resolution<U>::rejected(resolution.error());
+    }
+    return Resolution<U>::cancelled();
 }
 
 }  // namespace detail
@@ -351,6 +376,17 @@ class Promise {
     auto then(const DispatchQueue& queue, F&& f) const -> Promise<detail::ThenValue<T, F>> {
         using U = detail::ThenValue<T, F>;
         using R = typename detail::CallResult<T, F>::type;
+        if constexpr (!detail::PromiseTraits<R>::value) {
+            // Settled already and run at once: the callable runs now, as the handler would, and
+            // its outcome becomes the new promise's state before anyone else can reach it.
+            if (seal_->isResolved() && detail::Executor::runsAtOnce(queue)) {
+                return Promise<U>(seal_->callResolved([&](const Resolution<T>& resolution) {
+                    return detail::SealRef<U>::make(detail::thenResolution<U, R>(
+                        resolution,
+                        [&]() -> decltype(auto) { return detail::callWithValue(f, resolution); }));
+                }));
+            }
+        }
         auto [derived, settled] = detail::SealRef<U>::makePair();
         seal_->addHandler([executor = detail::Executor(queue), derived = std::move(settled),
                            f = std::forward<F>(f)](const Resolution<T>& resolution,

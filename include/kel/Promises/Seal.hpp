@@ -123,6 +123,14 @@ class Seal {
         return nullptr;
     }
 
+    // Calls f(resolution) under the lock, as a handler registered now would be called, and
+    // returns what f returns. The seal must be resolved already.
+    template <class F>
+    decltype(auto) callResolved(F&& f) {
+        std::lock_guard guard(lock_);
+        return f(*resolution_);
+    }
+
     // The resolution of a seal already seen resolved (it never changes afterwards).
     const Resolution<T>& settledResolution() const noexcept { return *resolution_; }
 
