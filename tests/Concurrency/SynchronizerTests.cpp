@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -13,77 +11,62 @@
 
 namespace {
 
-using kel::schedulertest::await;
+using kel::schedulertest::drainMainQueue;
+using kel::schedulertest::pumpUntil;
 
-// A group notification that had fired would have been submitted to the queue synchronously, so
-// once this returns the queue has run it.
-void drain(const kel::DispatchQueue& queue) {
-    queue.sync([] {});
+bool isSettled(const kel::Promise<void>& promise) {
+    return promise.resolution().has_value();
 }
 
-TEST(SynchronizerJobs, ResultWaitsOnTheQueueUntilEveryOverlappingJobHasSettled) {
+// A result is only ever fulfilled, so settling is success. A rejected job and a closure that
+// throws leave the group without holding up the others, and the rejected job's result never
+// settles.
+TEST(SynchronizerJobs, ResultsWaitOnTheQueueUntilEveryOverlappingJobHasSettled) {
     kel::Synchronizer synchronizer;
-    kel::DispatchQueue queue("synchronizer.test");
-    kel::DeferredPromise<void> first, second;
-    std::atomic<bool> onQueue = false;
-    auto firstResult = synchronizer.synchronize(queue, [&] { return first.promise; });
+    const kel::DispatchQueue& main = kel::DispatchQueue::main();
+    kel::DeferredPromise<void> first, second, failing;
+    auto firstResult = synchronizer.synchronize(main, [&] { return first.promise; });
+    bool onMain = false;
     auto secondResult =
-        synchronizer.synchronize(queue, [&] { return second.promise; }).then(kel::zalgo(), [&] {
-            onQueue = queue.isCurrent();
+        synchronizer.synchronize(main, [&] { return second.promise; }).then(kel::zalgo(), [&] {
+            onMain = kel::isMainThread();
         });
+    auto failedResult = synchronizer.synchronize(main, [&] { return failing.promise; });
+    EXPECT_THROW(synchronizer.synchronize(
+                     main, []() -> kel::Promise<void> { throw std::runtime_error("no job"); }),
+                 std::runtime_error);
 
     second.resolve();
-    drain(queue);
-    EXPECT_FALSE(secondResult.resolution().has_value()) << "fulfilled while the first job ran";
+    failing.reject(std::runtime_error("job failed"));
+    drainMainQueue();
+    EXPECT_FALSE(isSettled(secondResult)) << "fulfilled while the first job ran";
     first.resolve();
-    EXPECT_TRUE(await(firstResult).isResolved());
-    EXPECT_TRUE(await(secondResult).isResolved());
-    EXPECT_TRUE(onQueue);
-}
-
-TEST(SynchronizerFailures, FailedJobsLeaveTheirResultsPendingButLeaveTheGroup) {
-    kel::Synchronizer synchronizer;
-    kel::DispatchQueue queue("synchronizer.failures");
-    kel::DeferredPromise<void> rejected;
-    std::optional<kel::Promise<void>::Cancel> cancel;
-    kel::Promise<void> cancelled([&](auto, auto, auto c) { cancel.emplace(c); });
-
-    auto rejectedResult = synchronizer.synchronize(queue, [&] { return rejected.promise; });
-    auto cancelledResult = synchronizer.synchronize(queue, [&] { return cancelled; });
-    EXPECT_THROW(synchronizer.synchronize(
-                     queue, []() -> kel::Promise<void> { throw std::runtime_error("no job"); }),
-                 std::runtime_error);
-    rejected.reject(std::runtime_error("job failed"));
-    (*cancel)();
-
-    auto later = synchronizer.synchronize(queue, [] { return kel::Promise<void>::fulfilled(); });
-    EXPECT_TRUE(await(later).isResolved());
-    drain(queue);
-    EXPECT_FALSE(rejectedResult.resolution().has_value());
-    EXPECT_FALSE(cancelledResult.resolution().has_value());
+    pumpUntil([&] { return isSettled(firstResult) && isSettled(secondResult); });
+    EXPECT_TRUE(onMain);
+    drainMainQueue();
+    EXPECT_FALSE(isSettled(failedResult));
 }
 
 TEST(SynchronizerJobs, JobsFromManyThreadsAllComplete) {
     kel::Synchronizer synchronizer;
-    auto queue = kel::DispatchQueue::global();
-    std::vector<std::vector<kel::Promise<void>>> results(4);
-    std::vector<std::thread> threads;
-    for (auto& perThread : results) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50; ++i) {
-                perThread.push_back(synchronizer.synchronize(queue, [&] {
-                    return kel::Promise<void>(
-                        [&](auto fulfill, auto) { queue.async([fulfill] { fulfill(); }); });
-                }));
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
+    std::vector<kel::Promise<void>> results[4];
+    {
+        std::vector<std::jthread> threads;
+        for (auto& perThread : results) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 50; ++i) {
+                    perThread.push_back(synchronizer.synchronize(kel::DispatchQueue::main(), [] {
+                        return kel::Promise<void>([](auto fulfill, auto) {
+                            kel::DispatchQueue::global().async([fulfill] { fulfill(); });
+                        });
+                    }));
+                }
+            });
+        }
     }
     for (auto& perThread : results) {
         for (auto& result : perThread) {
-            EXPECT_TRUE(await(result).isResolved());
+            pumpUntil([&] { return isSettled(result); });
         }
     }
 }

@@ -4,153 +4,204 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
+#include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "SchedulerTestSupport.hpp"
+#include "kel/Platform/DispatchGroup.hpp"
 
 namespace {
 
-using kel::schedulertest::await;
-using kel::schedulertest::Gate;
+using kel::Result;
 
-TEST(TaskSchedulerQueues, AreNamedAndConfiguredAfterTheScheduler) {
-    kel::TaskScheduler scheduler("x");
-    EXPECT_EQ(scheduler.concurrentDispatchQueue().label(), "x.TaskScheduler.concurrentDQ");
-    EXPECT_TRUE(scheduler.concurrentDispatchQueue().isConcurrent());
-    EXPECT_EQ(scheduler.concurrentDispatchQueue().qos(), kel::DispatchQoS::default_);
-    EXPECT_EQ(scheduler.callbackQueue(), scheduler.concurrentDispatchQueue());
-    EXPECT_EQ(scheduler.concurrentOperationQueue()->name(), "x.TaskScheduler.concurrentOQ");
-    EXPECT_EQ(scheduler.concurrentOperationQueue()->maxConcurrentOperationCount(), -1);
-    EXPECT_EQ(scheduler.concurrentOperationQueue()->underlyingQueue(),
-              scheduler.concurrentDispatchQueue());
-    EXPECT_EQ(scheduler.serialOperationQueue()->name(), "x.TaskScheduler.serialOQ");
-    EXPECT_EQ(scheduler.serialOperationQueue()->maxConcurrentOperationCount(), 1);
+// A gate one thread opens and others wait on; a wait that times out is a fault and aborts.
+struct Gate {
+    kel::DispatchGroup group;
+    Gate() { group.enter(); }
+    void open() const { group.leave(); }
+    void wait() const {
+        if (!group.wait(kel::DispatchTime::now() + 20.0)) {
+            ADD_FAILURE() << "gate not opened in time";
+            std::abort();
+        }
+    }
+};
 
-    std::vector<kel::TaskScheduler*> shared(4);
-    std::vector<std::thread> threads;
-    for (auto& slot : shared) {
-        threads.emplace_back([&slot] { slot = &kel::TaskScheduler::shared(); });
+// An operation whose job the test finishes: perform keeps the completion and opens `performed`,
+// so the test decides when, and on which thread, the job completes.
+class ManualOperation final : public kel::AsyncOperation<int> {
+  public:
+    std::atomic<int> performCalls = 0;
+    Gate performed;
+
+    void finish(Result<int> result) {
+        performed.wait();
+        // Moved out first: the completion may hold the last reference to this operation.
+        CompletionHandler completion = std::move(pending_);
+        completion(std::move(result));
     }
-    for (auto& thread : threads) {
-        thread.join();
+
+  protected:
+    void perform(CompletionHandler completion) override {
+        ++performCalls;
+        pending_ = std::move(completion);
+        performed.open();
     }
-    EXPECT_EQ(shared, std::vector<kel::TaskScheduler*>(4, shared[0]));
-    EXPECT_EQ(shared[0]->serialOperationQueue()->name(), "default.TaskScheduler.serialOQ");
+
+  private:
+    CompletionHandler pending_;  // written before `performed` opens, read after
+};
+
+TEST(AsyncOperationIdentity, IdsAreSixteenCharactersDrawnFromTheWholeAlphabet) {
+    std::set<char> used;
+    for (int i = 0; i < 300; ++i) {
+        std::string id = ManualOperation().operationID();
+        ASSERT_EQ(id.size(), 16u);
+        used.insert(id.begin(), id.end());
+    }
+    EXPECT_EQ(std::string(used.begin(), used.end()), "0123456789ABCDEF");  // all, and no other
 }
 
-TEST(TaskSchedulerSchedule, BlocksAndOperationsRunConcurrentlyOnTheDispatchQueue) {
+TEST(AsyncOperationCancellation, CancelledBeforeStartReportsOnceAndNeverPerforms) {
+    auto operation = std::make_shared<ManualOperation>();
+    std::vector<Result<int>> reports;
+    operation->completion = [&](Result<int> result) { reports.push_back(result); };
+    operation->cancel();
+    operation->start();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(kel::errorAs<kel::AsyncOperationError>(reports[0].error()),
+              kel::AsyncOperationError::cancelled);
+    EXPECT_EQ(operation->performCalls, 0);
+    EXPECT_FALSE(operation->isExecuting() || operation->isFinished());  // the state is left alone
+}
+
+// Not ready once started, though its dependency is done; released by its owner, the operation
+// lives until its job completes on another thread.
+TEST(AsyncOperationState, NotReadyOnceStartedAndKeptAliveByItsPendingJob) {
+    auto dependency = kel::BlockOperation::make([] {});
+    dependency->start();
+    auto operation = std::make_shared<ManualOperation>();
+    operation->addDependency(dependency);
+    ManualOperation& raw = *operation;
+    std::weak_ptr<ManualOperation> watcher = operation;
+    bool finishedWhenReported = false;
+    raw.completion = [&](Result<int> result) {
+        finishedWhenReported =
+            result.value() == 1 && raw.isFinished() && !raw.isExecuting() && !raw.isReady();
+    };
+    EXPECT_TRUE(raw.isReady());
+    raw.start();
+    EXPECT_TRUE(raw.isExecuting());
+    EXPECT_FALSE(raw.isReady());
+
+    operation.reset();
+    ASSERT_FALSE(watcher.expired());
+    std::thread([&] { raw.finish(Result<int>::success(1)); }).join();
+    EXPECT_TRUE(finishedWhenReported);
+    EXPECT_TRUE(watcher.expired());
+}
+
+TEST(TaskSchedulerQueues, AreNamedAndLimitedAfterTheScheduler) {
+    kel::TaskScheduler scheduler("x");
+    const kel::DispatchQueue& dispatch = scheduler.concurrentDispatchQueue();
+    EXPECT_EQ(dispatch.label(), "x.TaskScheduler.concurrentDQ");
+    EXPECT_TRUE(dispatch.isConcurrent());
+    EXPECT_EQ(dispatch.qos(), kel::DispatchQoS::default_);
+    const kel::OperationQueue& concurrent = *scheduler.concurrentOperationQueue();
+    EXPECT_EQ(concurrent.name(), "x.TaskScheduler.concurrentOQ");
+    EXPECT_EQ(concurrent.maxConcurrentOperationCount(), -1);
+    EXPECT_EQ(concurrent.underlyingQueue(), dispatch);
+    EXPECT_EQ(scheduler.serialOperationQueue()->name(), "x.TaskScheduler.serialOQ");
+    EXPECT_EQ(scheduler.serialOperationQueue()->maxConcurrentOperationCount(), 1);
+    EXPECT_EQ(kel::TaskScheduler::shared().serialOperationQueue()->name(),
+              "default.TaskScheduler.serialOQ");
+}
+
+// A block and an operation each wait for the delayed block, so they can only finish if all
+// three run side by side on the concurrent queue.
+TEST(TaskSchedulerSchedule, RunsConcurrentlyAndDelayedWorkNoEarlierThanAsked) {
     kel::TaskScheduler scheduler("concurrent");
-    // Each waits for the other, so run one at a time they would never finish.
-    Gate firstRunning, secondRunning;
+    Gate delayedRan;
     std::atomic<int> onQueue = 0;
-    scheduler.schedule([&] {
+    auto waitForDelayed = [&] {
         onQueue += scheduler.concurrentDispatchQueue().isCurrent();
-        firstRunning.open();
-        secondRunning.wait();
+        delayedRan.wait();
+    };
+    const auto asked = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point started;
+    scheduler.schedule(waitForDelayed);
+    scheduler.schedule(kel::BlockOperation::make(waitForDelayed));
+    scheduler.scheduleAfter(0.05, [&] {
+        started = std::chrono::steady_clock::now();
+        onQueue += scheduler.concurrentDispatchQueue().isCurrent();
+        delayedRan.open();
     });
-    scheduler.schedule(kel::BlockOperation::make([&] {
-        onQueue += scheduler.concurrentDispatchQueue().isCurrent();
-        secondRunning.open();
-        firstRunning.wait();
-    }));
+    delayedRan.wait();
     scheduler.concurrentOperationQueue()->waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(onQueue, 2);
+    EXPECT_GE(started - asked, std::chrono::milliseconds(50));
+    EXPECT_EQ(onQueue, 3);
 }
 
 TEST(TaskSchedulerLowPriority, RunsOneItemAtATimeInSubmissionOrder) {
     kel::TaskScheduler scheduler("serial");
-    // No lock on purpose: only the queue orders these writes, so overlapping items would also
-    // show up under ThreadSanitizer.
-    std::vector<int> order;
-    int running = 0;
-    bool overlapped = false;
-    auto record = [&](int i) {
-        overlapped = overlapped || running++ != 0;
-        order.push_back(i);
-        --running;
-    };
-    std::vector<int> expected;
+    // No lock on purpose: only the queue orders these writes, so items that overlapped would
+    // also show up under ThreadSanitizer.
+    std::vector<int> order, expected;
     for (int i = 0; i < 200; ++i) {
         expected.push_back(i);
         if (i % 2 == 0) {
-            scheduler.scheduleLowPriority([&record, i] { record(i); });
+            scheduler.scheduleLowPriority([&order, i] { order.push_back(i); });
         } else {
-            scheduler.scheduleLowPriority(kel::BlockOperation::make([&record, i] { record(i); }));
+            scheduler.scheduleLowPriority(
+                kel::BlockOperation::make([&order, i] { order.push_back(i); }));
         }
     }
     scheduler.serialOperationQueue()->waitUntilAllOperationsAreFinished();
     EXPECT_EQ(order, expected);
-    EXPECT_FALSE(overlapped);
 }
 
-TEST(TaskSchedulerAfter, RunsNoEarlierThanAskedOnTheConcurrentQueue) {
-    kel::TaskScheduler scheduler("after");
-    Gate ran;
-    std::atomic<bool> onQueue = false;
-    auto asked = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point started;
-    scheduler.scheduleAfter(0.05, [&] {
-        started = std::chrono::steady_clock::now();
-        onQueue = scheduler.concurrentDispatchQueue().isCurrent();
-        ran.open();
-    });
-    ran.wait();
-    EXPECT_GE(started - asked, std::chrono::milliseconds(50));
-    EXPECT_TRUE(onQueue);
+TEST(TaskSchedulerLowPriority, AnOperationCompletingOnAnotherThreadFreesTheSlot) {
+    kel::TaskScheduler scheduler("async.serial");
+    auto first = std::make_shared<ManualOperation>();
+    auto second = std::make_shared<ManualOperation>();
+    std::atomic<bool> firstFinishedBeforeNext = false;
+    scheduler.scheduleLowPriority(first);
+    scheduler.scheduleLowPriority(
+        kel::BlockOperation::make([&] { firstFinishedBeforeNext = first->isFinished(); }));
+    scheduler.scheduleLowPriority(second);
+
+    std::thread([&] { first->finish(Result<int>::success(1)); }).join();
+    second->performed.wait();  // aborts if the slot was never freed
+    EXPECT_TRUE(firstFinishedBeforeNext);
+    second->finish(Result<int>::success(2));
+    scheduler.serialOperationQueue()->waitUntilAllOperationsAreFinished();
 }
 
-// An operation that completes at once, on the thread the queue starts it on.
-template <class T>
-class ImmediateOperation final : public kel::AsyncOperation<T> {
-  public:
-    explicit ImmediateOperation(kel::Result<T> result) : result_(std::move(result)) {}
-
-  protected:
-    void perform(typename kel::AsyncOperation<T>::CompletionHandler completion) override {
-        completion(result_);
-    }
-
-  private:
-    kel::Result<T> result_;
-};
-
-template <class T>
-auto immediate(kel::Result<T> result) {
-    return std::make_shared<ImmediateOperation<T>>(std::move(result));
-}
-
+// The job's completion, here on the test's thread, settles the promise at once: fulfilled with
+// the value, cancelled by an AsyncOperationError (which an operation cancelled before it started
+// reports), rejected by any other error.
 TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
     kel::TaskScheduler scheduler("promise");
-    auto fulfilled = await(scheduler.promise(immediate(kel::Result<int>::success(5))));
-    ASSERT_TRUE(fulfilled.isResolved());
-    EXPECT_EQ(fulfilled.value(), 5);
-
-    auto rejected = await(scheduler.promise(
-        immediate(kel::Result<int>::failed(kel::makeError(std::runtime_error("offline"))))));
-    ASSERT_TRUE(rejected.isRejected());
-    EXPECT_EQ(kel::errorDescription(rejected.error()), "offline");
-
-    // An AsyncOperationError cancels, whether the job reports it or the operation was
-    // cancelled before it started.
-    EXPECT_TRUE(await(scheduler.promise(immediate(kel::Result<void>::failed(
-                          kel::makeError(kel::AsyncOperationError::cancelled)))))
-                    .isCancelled());
-    // Cancelled before it starts, an operation keeps its queue slot for good (it never reports
-    // finished), so this case starts it by hand through fromOperation's scheduling callable.
-    auto cancelledFirst = immediate(kel::Result<int>::success(1));
-    cancelledFirst->cancel();
-    int scheduled = 0;
-    auto cancelled = kel::Promise<int>::fromOperation(
-        cancelledFirst, [&](const std::shared_ptr<kel::AsyncOperation<int>>& operation) {
-            ++scheduled;
-            operation->start();
-        });
-    EXPECT_EQ(scheduled, 1);
-    ASSERT_TRUE(cancelled.resolution().has_value());
-    EXPECT_TRUE(cancelled.resolution()->isCancelled());
+    auto settle = [&](Result<int> result) {
+        auto operation = std::make_shared<ManualOperation>();
+        auto promise = scheduler.promise(operation);
+        operation->finish(std::move(result));
+        return promise.resolution();
+    };
+    auto fulfilled = settle(Result<int>::success(5));
+    ASSERT_TRUE(fulfilled && fulfilled->isResolved());
+    EXPECT_EQ(fulfilled->value(), 5);
+    auto rejected = settle(Result<int>::failed(kel::makeError(std::runtime_error("offline"))));
+    ASSERT_TRUE(rejected && rejected->isRejected());
+    EXPECT_EQ(kel::errorDescription(rejected->error()), "offline");
+    auto cancelled =
+        settle(Result<int>::failed(kel::makeError(kel::AsyncOperationError::cancelled)));
+    EXPECT_TRUE(cancelled && cancelled->isCancelled());
 }
 
 }  // namespace

@@ -13,8 +13,6 @@ namespace {
 
 TEST(ArrayRandomElement, EmptyGivesNoneAndEveryElementCanBeChosen) {
     EXPECT_EQ(kel::randomElement(std::vector<int>{}), std::nullopt);
-    EXPECT_EQ(kel::randomElement(std::vector{42}), 42);
-
     // A fixed seed keeps this reproducible; 200 draws from three reach every element.
     const std::list<std::string> colours{"red", "green", "blue"};
     std::set<std::string> seen;
