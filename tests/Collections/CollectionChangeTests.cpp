@@ -11,74 +11,64 @@ namespace {
 using Strings = std::vector<std::string>;
 using Change = kel::CollectionChange<std::string>;
 
-// The same replays must give the same result on a plain vector and on a UniqueCollection.
-template <class Collection>
-class ApplyChanges : public ::testing::Test {
-  protected:
-    static Collection make(const Strings& elements) {
-        if constexpr (std::is_same_v<Collection, Strings>) {
-            return elements;
-        } else {
-            return Collection(elements);
-        }
-    }
-    static Strings contents(const Collection& collection) {
-        return Strings(collection.begin(), collection.end());
-    }
-    static Strings replay(const Strings& start, const std::vector<Change>& changes) {
-        Collection collection = make(start);
-        kel::applyChanges(collection, changes);
-        return contents(collection);
-    }
+struct Replay {
+    Strings start;
+    std::vector<Change> changes;
+    Strings expected;
 };
-using Collections = ::testing::Types<Strings, kel::UniqueCollection<std::string>>;
-TYPED_TEST_SUITE(ApplyChanges, Collections);
 
-TYPED_TEST(ApplyChanges, AddsAtTheEndAndRemovesByIdentifier) {
-    EXPECT_EQ(this->replay({"a", "b"}, {Change::adding("c"), Change::removing("a"),
-                                        Change::removing("missing"), Change::adding("d")}),
-              (Strings{"b", "c", "d"}));
-    EXPECT_EQ(this->replay({}, {}), Strings{});
-}
-
-TYPED_TEST(ApplyChanges, RemovalShiftsLaterTargetsAboveTheRemovedPosition) {
+// Each replay must give the same result on a plain vector and on a UniqueCollection.
+const std::vector<Replay> replays{
+    {{"a", "b"},
+     {Change::adding("c"), Change::removing("a"), Change::removing("missing"), Change::adding("d")},
+     {"b", "c", "d"}},
     // x sat at position 1; y's target 3 becomes 2 once x is gone.
-    EXPECT_EQ(this->replay({"a", "x", "b", "c", "y"},
-                           {Change::removing("x"), Change::reordering("y", 3)}),
-              (Strings{"a", "b", "y", "c"}));
+    {{"a", "x", "b", "c", "y"},
+     {Change::removing("x"), Change::reordering("y", 3)},
+     {"a", "b", "y", "c"}},
     // A target at or below the removed position is left alone.
-    EXPECT_EQ(
-        this->replay({"a", "b", "x", "y"}, {Change::removing("x"), Change::reordering("y", 2)}),
-        (Strings{"a", "b", "y"}));
-}
-
-TYPED_TEST(ApplyChanges, ReorderingCorrectsTheTargetsOfLaterReorderings) {
+    {{"a", "b", "x", "y"}, {Change::removing("x"), Change::reordering("y", 2)}, {"a", "b", "y"}},
     // a: 0 -> 2 moves positions above 0 down and those above 2 up: e's target 1 becomes 0.
-    EXPECT_EQ(this->replay({"a", "b", "c", "d", "e"},
-                           {Change::reordering("a", 2), Change::reordering("e", 1)}),
-              (Strings{"e", "b", "c", "a", "d"}));
+    {{"a", "b", "c", "d", "e"},
+     {Change::reordering("a", 2), Change::reordering("e", 1)},
+     {"e", "b", "c", "a", "d"}},
+    // Targets equal to an earlier move's destination or source: a 0 -> 2 turns e's 2 into 1,
+    // b 1 -> 3 leaves e's 1 alone.
+    {{"a", "b", "c", "d", "e"},
+     {Change::reordering("a", 2), Change::reordering("e", 2)},
+     {"b", "e", "c", "a", "d"}},
+    {{"a", "b", "c", "d", "e"},
+     {Change::reordering("b", 3), Change::reordering("e", 1)},
+     {"a", "e", "c", "d", "b"}},
     // e: 4 -> 0 shifts c's target 3 to 4.
-    EXPECT_EQ(this->replay({"a", "b", "c", "d", "e"},
-                           {Change::reordering("e", 0), Change::reordering("c", 3)}),
-              (Strings{"e", "a", "b", "d", "c"}));
-}
-
-TYPED_TEST(ApplyChanges, SkippedChangesCorrectNothing) {
-    EXPECT_EQ(this->replay({"a", "b", "c"}, {Change::removing("z"), Change::reordering("z", 0),
-                                             Change::reordering("c", 1)}),
-              (Strings{"a", "c", "b"}));
-}
-
-TYPED_TEST(ApplyChanges, MixedSequenceCorrectsEveryLaterReordering) {
+    {{"a", "b", "c", "d", "e"},
+     {Change::reordering("e", 0), Change::reordering("c", 3)},
+     {"e", "a", "b", "d", "c"}},
+    // Skipped changes correct nothing.
+    {{"a", "b", "c"},
+     {Change::removing("z"), Change::reordering("z", 0), Change::reordering("c", 1)},
+     {"a", "c", "b"}},
     // remove b        -> [a c d e f]     later targets 4, 1, 3 become 3, 1, 2
     // reorder f to 3  -> [a c d f e]     f went from 4 to 3: targets 1 and 2 stay
     // add g           -> [a c d f e g]
     // reorder a to 1  -> [c a d f e g]   a went from 0 to 1: target 2 stays
     // reorder g to 2  -> [c a g d f e]
-    EXPECT_EQ(this->replay({"a", "b", "c", "d", "e", "f"},
-                           {Change::removing("b"), Change::reordering("f", 4), Change::adding("g"),
-                            Change::reordering("a", 1), Change::reordering("g", 3)}),
-              (Strings{"c", "a", "g", "d", "f", "e"}));
+    {{"a", "b", "c", "d", "e", "f"},
+     {Change::removing("b"), Change::reordering("f", 4), Change::adding("g"),
+      Change::reordering("a", 1), Change::reordering("g", 3)},
+     {"c", "a", "g", "d", "f", "e"}},
+};
+
+TEST(ApplyChanges, RemovalsAndReorderingsCorrectTheTargetsOfLaterReorderings) {
+    for (const Replay& replay : replays) {
+        Strings strings = replay.start;
+        kel::applyChanges(strings, replay.changes);
+        EXPECT_EQ(strings, replay.expected);
+
+        kel::UniqueCollection<std::string> unique(replay.start);
+        kel::applyChanges(unique, replay.changes);
+        EXPECT_EQ(unique.array(), replay.expected);
+    }
 }
 
 struct Row {
@@ -87,15 +77,15 @@ struct Row {
     const std::string& identifier() const { return id; }
 };
 
-TEST(ApplyChangesConversion, BuildsAddedElementsWithTheConstructor) {
+TEST(ApplyChanges, BuildsAddedElementsWithTheConstructor) {
     std::deque<Row> rows{{"a", 1}, {"b", 1}};
-    const std::vector<Change> changes{Change::adding("c"), Change::reordering("c", 0),
-                                      Change::removing("a")};
-    kel::applyChanges(rows, changes, [](const std::string& id) { return Row{id, 2}; });
+    kel::applyChanges(
+        rows, std::vector{Change::adding("c"), Change::reordering("c", 0), Change::removing("a")},
+        [](const std::string& id) {
+            return Row{id, 2};
+        });
     ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[0].id, "c");
-    EXPECT_EQ(rows[0].version, 2);
-    EXPECT_EQ(rows[1].id, "b");
+    EXPECT_EQ(rows[0].id + std::to_string(rows[0].version) + rows[1].id, "c2b");
 }
 
 TEST(ApplyChangesDeathTest, TargetsOutsideTheCollectionStopTheProcess) {

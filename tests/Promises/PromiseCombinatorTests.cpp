@@ -17,14 +17,11 @@ namespace {
 
 using testing::await;
 using testing::makeTestError;
-
-TEST(PromiseAll, EmptyCollectionIsAlreadyFulfilled) {
-    auto all = Promise<int>::all(std::vector<Promise<int>>{});
-    ASSERT_TRUE(all.resolution().has_value());
-    EXPECT_TRUE(all.resolution()->value().empty());
-}
+using testing::Pending;
 
 TEST(PromiseAll, ValuesKeepCollectionOrderWhateverTheSettleOrder) {
+    EXPECT_TRUE(Promise<int>::all(std::vector<Promise<int>>{}).resolution()->value().empty());
+
     DeferredPromise<int> a, b, c;
     auto all = Promise<int>::all({a.promise, b.promise, c.promise});
     c.resolve(3);
@@ -34,21 +31,18 @@ TEST(PromiseAll, ValuesKeepCollectionOrderWhateverTheSettleOrder) {
     EXPECT_EQ(all.resolution()->value(), (std::vector<int>{1, 2, 3}));
 }
 
-TEST(PromiseAll, FirstFailureInCollectionOrderWins) {
+TEST(PromiseAll, FirstFailureInCollectionOrderWinsAndACancelledElementCancels) {
     DeferredPromise<int> p1, p2;
     auto all = Promise<int>::all({p1.promise, p2.promise});
     Error e1 = makeTestError("e1");
-    Error e2 = makeTestError("e2");
-    p2.reject(e2);
+    p2.reject(makeTestError("e2"));
     EXPECT_FALSE(all.resolution().has_value());  // p2 is not looked at before p1 has fulfilled
     p1.reject(e1);
     EXPECT_TRUE(all.resolution()->error() == e1);
-}
 
-TEST(PromiseAll, CancelledElementCancelsTheResult) {
-    auto all = Promise<void>::all(
+    auto cancelled = Promise<void>::all(
         {Promise<void>::fulfilled(), Promise<void>([](auto, auto, auto cancel) { cancel(); })});
-    EXPECT_TRUE(all.resolution()->isCancelled());
+    EXPECT_TRUE(cancelled.resolution()->isCancelled());
 }
 
 TEST(PromiseAll, SamePendingPromiseListedTwice) {
@@ -60,12 +54,6 @@ TEST(PromiseAll, SamePendingPromiseListedTwice) {
     std::thread settler([&] { shared.resolve(1); });
     EXPECT_EQ(await(all).value(), (std::vector<int>{1, 2, 1}));
     settler.join();
-
-    DeferredPromise<int> twice;
-    auto adjacent = Promise<int>::all({twice.promise, twice.promise});
-    std::thread again([&] { twice.resolve(3); });
-    EXPECT_EQ(await(adjacent).value(), (std::vector<int>{3, 3}));
-    again.join();
 }
 
 TEST(PromiseAll, ManySettledElementsDoNotDeepenTheStack) {
@@ -82,32 +70,20 @@ TEST(PromiseAll, ManySettledElementsDoNotDeepenTheStack) {
     EXPECT_EQ(all.resolution()->value().back(), 199999);
 }
 
-TEST(PromiseRace, EmptyCollectionNeverSettles) {
-    auto race = Promise<int>::race(std::vector<Promise<int>>{});
-    EXPECT_FALSE(race.resolution().has_value());
-}
-
 TEST(PromiseRace, CancellationsAreIgnoredAndTheFirstOutcomeDecides) {
-    DeferredPromise<int> slow;
-    std::optional<Promise<int>::Cancel> cancel;
-    Promise<int> cancelled([&](auto, auto, auto c) { cancel.emplace(c); });
-    DeferredPromise<int> fast;
-    auto race = Promise<int>::race({cancelled, slow.promise, fast.promise});
-    (*cancel)();
+    EXPECT_FALSE(Promise<int>::race(std::vector<Promise<int>>{}).resolution().has_value());
+
+    Pending<int> cancelled;
+    DeferredPromise<int> slow, fast;
+    auto race = Promise<int>::race({cancelled.promise, slow.promise, fast.promise});
+    (*cancelled.cancel)();
     EXPECT_FALSE(race.resolution().has_value());
+    // The result's handler runs inside fast's settlement and may settle a losing input.
+    race.error(zalgo(), [&](const Error&) { slow.resolve(1); });
     Error error = makeTestError("fast");
     fast.reject(error);
-    slow.resolve(1);
     EXPECT_TRUE(race.resolution()->error() == error);
-}
-
-TEST(PromiseRace, ResultHandlerMaySettleTheLosingInput) {
-    DeferredPromise<int> winner, loser;
-    auto race = Promise<int>::race({winner.promise, loser.promise});
-    race.then(zalgo(), [&](int) { loser.reject(makeTestError("too late")); });
-    winner.resolve(1);
-    EXPECT_EQ(race.resolution()->value(), 1);
-    EXPECT_TRUE(loser.promise.resolution()->isRejected());
+    EXPECT_EQ(slow.promise.resolution()->value(), 1);
 }
 
 TEST(PromiseRace, DecidesOnceUnderConcurrentSettles) {
@@ -126,11 +102,7 @@ TEST(PromiseRace, DecidesOnceUnderConcurrentSettles) {
         for (int i = 0; i < kInputs; ++i) {
             threads.emplace_back([&, i] {
                 start.arrive_and_wait();
-                if (i % 2 == 0) {
-                    inputs[i].resolve(i);
-                } else {
-                    inputs[i].reject(makeTestError("lost"));
-                }
+                i % 2 == 0 ? inputs[i].resolve(i) : inputs[i].reject(makeTestError("lost"));
             });
         }
         for (auto& thread : threads) {
@@ -145,36 +117,26 @@ TEST(PromiseRace, DecidesOnceUnderConcurrentSettles) {
 TEST(PromiseSequences, MapFlatMapReduceAndUnique) {
     auto numbers = Promise<std::vector<int>>::fulfilled({3, 1, 4, 1, 5, 9, 2, 6});
     DispatchQueue queue("test.sequences");
-
     auto doubled = numbers.map(queue, [](int v) { return v * 2; });
     EXPECT_EQ(await(doubled).value(), (std::vector<int>{6, 2, 8, 2, 10, 18, 4, 12}));
 
-    auto evens = numbers.flatMap(queue, [](int v) {
+    auto evens = numbers.flatMap(zalgo(), [](int v) {
         return v % 2 == 0 ? std::optional<std::string>(std::to_string(v)) : std::nullopt;
     });
-    EXPECT_EQ(await(evens).value(), (std::vector<std::string>{"4", "2", "6"}));
-
-    auto sum = numbers.reduce(queue, 0, [](int acc, int v) { return acc + v; });
-    EXPECT_EQ(await(sum).value(), 31);
-
-    auto text = numbers.reduceInto(queue, std::string(),
+    EXPECT_EQ(evens.resolution()->value(), (std::vector<std::string>{"4", "2", "6"}));
+    auto sum = numbers.reduce(zalgo(), 0, [](int acc, int v) { return acc + v; });
+    EXPECT_EQ(sum.resolution()->value(), 31);
+    auto text = numbers.reduceInto(zalgo(), std::string(),
                                    [](std::string& acc, int v) { acc += std::to_string(v); });
-    EXPECT_EQ(await(text).value(), "31415926");
-
-    auto uniqueByParity = numbers.unique(queue, [](int v) { return v % 2; });
-    EXPECT_EQ(await(uniqueByParity).value(), (std::vector<int>{3, 4}));
+    EXPECT_EQ(text.resolution()->value(), "31415926");
+    auto uniqueByParity = numbers.unique(zalgo(), [](int v) { return v % 2; });
+    EXPECT_EQ(uniqueByParity.resolution()->value(), (std::vector<int>{3, 4}));
 }
 
 TEST(PromiseSequences, ThrowingCallableFollowsTheThenRules) {
     auto numbers = Promise<std::vector<int>>::fulfilled({1, 2, 3});
-    auto rejected = numbers.map(zalgo(), [](int v) {
-        if (v == 2) {
-            throw std::out_of_range("two");
-        }
-        return v;
-    });
+    auto rejected = numbers.map(zalgo(), [](int) -> int { throw std::out_of_range("two"); });
     EXPECT_TRUE(errorIs<std::out_of_range>(rejected.resolution()->error()));
-
     auto cancelled =
         numbers.reduce(zalgo(), 0, [](int, int) -> int { throw PromiseError::cancelled; });
     EXPECT_TRUE(cancelled.resolution()->isCancelled());

@@ -1,14 +1,12 @@
-// Helpers shared by the promise tests: waiting for a settlement from any thread, pumping the
-// main queue, and a value type that counts its copies.
+// Helpers shared by the promise tests: a pending promise settled from outside, waiting for a
+// settlement from any thread, and pumping the main queue.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -20,29 +18,38 @@ namespace kel::testing {
 
 inline constexpr std::chrono::seconds kTimeout{20};
 
+// A pending promise and the callables that settle it (a DeferredPromise has no cancel). Not
+// movable: the constructor's body stores into this object.
+template <class T>
+struct Pending {
+    Pending() = default;
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+
+    std::optional<typename Promise<T>::Fulfill> fulfill;
+    std::optional<typename Promise<T>::Reject> reject;
+    std::optional<typename Promise<T>::Cancel> cancel;
+    Promise<T> promise{[this](auto f, auto r, auto c) {
+        fulfill.emplace(std::move(f));
+        reject.emplace(std::move(r));
+        cancel.emplace(std::move(c));
+    }};
+};
+
+inline void requireSettled(bool settled) {
+    if (!settled) {
+        ADD_FAILURE() << "promise did not settle in time";
+        std::abort();
+    }
+}
+
 // Blocks until the promise settles (without the main queue) and returns how it settled.
 template <class T>
 Resolution<T> await(const Promise<T>& promise) {
-    struct Signal {
-        std::mutex mutex;
-        std::condition_variable settled;
-        bool done = false;  // guarded by mutex
-    };
-    auto signal = std::make_shared<Signal>();
-    promise.always(zalgo(), [signal] {
-        std::lock_guard lock(signal->mutex);
-        signal->done = true;
-        signal->settled.notify_all();
-    });
-    {
-        // Released before reading the promise: its handler takes this mutex under the
-        // promise's lock.
-        std::unique_lock lock(signal->mutex);
-        if (!signal->settled.wait_for(lock, kTimeout, [&] { return signal->done; })) {
-            ADD_FAILURE() << "promise did not settle in time";
-            std::abort();
-        }
-    }
+    auto settled = std::make_shared<std::promise<void>>();
+    auto future = settled->get_future();
+    promise.always(zalgo(), [settled] { settled->set_value(); });
+    requireSettled(future.wait_for(kTimeout) == std::future_status::ready);
     return *promise.resolution();
 }
 
@@ -50,31 +57,12 @@ Resolution<T> await(const Promise<T>& promise) {
 // queue.
 template <class T>
 Resolution<T> pumpUntilSettled(const Promise<T>& promise) {
-    bool settled = RunLoop::runUntil([&] { return promise.resolution().has_value(); }, kTimeout);
-    if (!settled) {
-        ADD_FAILURE() << "promise did not settle in time";
-        std::abort();
-    }
+    requireSettled(RunLoop::runUntil([&] { return promise.resolution().has_value(); }, kTimeout));
     return *promise.resolution();
 }
 
 inline Error makeTestError(const std::string& text) {
     return std::make_exception_ptr(std::runtime_error(text));
 }
-
-// A value that counts how often it has been copied.
-struct CopyCounted {
-    explicit CopyCounted(std::shared_ptr<std::atomic<int>> copies) : copies(std::move(copies)) {}
-    CopyCounted(const CopyCounted& other) : copies(other.copies) { ++*copies; }
-    CopyCounted(CopyCounted&&) noexcept = default;
-    CopyCounted& operator=(const CopyCounted& other) {
-        copies = other.copies;
-        ++*copies;
-        return *this;
-    }
-    CopyCounted& operator=(CopyCounted&&) noexcept = default;
-
-    std::shared_ptr<std::atomic<int>> copies;
-};
 
 }  // namespace kel::testing
