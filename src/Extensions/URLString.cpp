@@ -62,18 +62,24 @@ bool isWebURL(std::string_view text) noexcept {
         authority.remove_prefix(at + 1);
     }
     std::string_view host = authority;
+    std::string_view port;
     if (host.starts_with('[')) {
+        // An IP literal: the brackets enclose the host; only a port may follow them.
         const auto close = host.find(']');
-        return close != std::string_view::npos && close > 1;
-    }
-    if (const auto colon = host.find(':'); colon != std::string_view::npos) {
-        const std::string_view port = host.substr(colon + 1);
-        if (!std::all_of(port.begin(), port.end(), isAsciiDigit)) {
+        if (close == std::string_view::npos || close == 1) {
             return false;
         }
+        const std::string_view after = host.substr(close + 1);
+        if (!after.empty() && !after.starts_with(':')) {
+            return false;
+        }
+        port = after.empty() ? after : after.substr(1);
+        host = host.substr(0, close + 1);
+    } else if (const auto colon = host.find(':'); colon != std::string_view::npos) {
+        port = host.substr(colon + 1);
         host = host.substr(0, colon);
     }
-    return !host.empty();
+    return !host.empty() && std::all_of(port.begin(), port.end(), isAsciiDigit);
 }
 
 bool isFileURL(std::string_view text) noexcept {

@@ -28,14 +28,15 @@ TEST(URLText, SchemesAreCheckedAndComparedWithoutCase) {
 }
 
 TEST(URLText, WebURLsNeedHttpOrHttpsAndAHost) {
-    for (const char* url :
-         {"http://example.com", "https://example.com/a/b?c=d#e", "HTTP://EXAMPLE.COM",
-          "https://user:pw@host:8443/", "http://[::1]:8080/", "http://localhost?x"}) {
+    for (const char* url : {"http://example.com", "https://example.com/a/b?c=d#e",
+                            "HTTP://EXAMPLE.COM", "https://user:pw@host:8443/",
+                            "http://[::1]:8080/", "http://[::1]/", "http://localhost?x"}) {
         EXPECT_TRUE(kel::isWebURL(url)) << url;
     }
     for (const char* url :
          {"", "example.com", "ftp://example.com", "http://", "https:///path", "http:example.com",
-          "http://host:port/", "http://exa mple.com", "http://user@/", "http://[]/"}) {
+          "http://host:port/", "http://exa mple.com", "http://user@/", "http://[]/",
+          "http://[::1]junk/", "http://[::1]:port/", "http://[::1/"}) {
         EXPECT_FALSE(kel::isWebURL(url)) << url;
     }
 }
