@@ -1,7 +1,8 @@
 // Dictionary merging: combining two maps where the right-hand side wins.
 //
-//   kel::merging(left, right)  a new map with every entry of both; for a key in both, right's
-//   value; kel::merge(target, source) the same, in place: source's entries are written into target.
+// - kel::merging(left, right): a new map with every entry of both; for a key in both, right's
+//   value.
+// - kel::merge(target, source): the same, in place: source's entries are written into target.
 //
 // Works with any map that has insert_or_assign (std::map, std::unordered_map and the like).
 // Passing right (or source) as an rvalue moves its values instead of copying them (keys are
