@@ -57,7 +57,7 @@ void BM_CreateFulfilThen_Kel_Pending(benchmark::State& state) {
 }
 BENCHMARK(BM_CreateFulfilThen_Kel_Pending);
 
-void BM_CreateFulfilThen_BoostFuture(benchmark::State& state) {
+void BM_CreateFulfilThen_BoostFuture_Pending(benchmark::State& state) {
     for (auto _ : state) {
         boost::promise<int> promise;
         auto next = promise.get_future().then(boost::launch::sync,
@@ -66,7 +66,19 @@ void BM_CreateFulfilThen_BoostFuture(benchmark::State& state) {
         benchmark::DoNotOptimize(next.get());
     }
 }
-BENCHMARK(BM_CreateFulfilThen_BoostFuture);
+BENCHMARK(BM_CreateFulfilThen_BoostFuture_Pending);
+
+// The same order as BM_CreateFulfilThen_Kel_Settled: fulfilled first, then the continuation.
+void BM_CreateFulfilThen_BoostFuture_Settled(benchmark::State& state) {
+    for (auto _ : state) {
+        boost::promise<int> promise;
+        promise.set_value(1);
+        auto next = promise.get_future().then(boost::launch::sync,
+                                              [](boost::future<int> f) { return f.get() + 1; });
+        benchmark::DoNotOptimize(next.get());
+    }
+}
+BENCHMARK(BM_CreateFulfilThen_BoostFuture_Settled);
 
 void BM_CreateFulfilGet_StdFuture(benchmark::State& state) {
     for (auto _ : state) {
