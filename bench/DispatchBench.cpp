@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "Countdown.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/OperationQueue.hpp"
@@ -28,25 +29,7 @@ unsigned poolThreads() {
     return std::max(2u, std::thread::hardware_concurrency());
 }
 
-// Counts finished items; the waiter sleeps until the count reaches the target.
-class Countdown {
-  public:
-    explicit Countdown(int count) : remaining_(count) {}
-    void arrive() {
-        if (remaining_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            remaining_.notify_all();
-        }
-    }
-    void wait() {
-        for (int seen = remaining_.load(std::memory_order_acquire); seen != 0;
-             seen = remaining_.load(std::memory_order_acquire)) {
-            remaining_.wait(seen, std::memory_order_acquire);
-        }
-    }
-
-  private:
-    std::atomic<int> remaining_;
-};
+using kel::bench::Countdown;
 
 // What a user writes without a dispatch library: one worker thread, a deque of std::function
 // under a mutex, and a condition variable.

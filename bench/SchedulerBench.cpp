@@ -10,31 +10,14 @@
 #include <future>
 #include <memory>
 
+#include "Countdown.hpp"
 #include "kel/Concurrency/AsyncOperation.hpp"
 #include "kel/Concurrency/TaskScheduler.hpp"
 #include "kel/Promises/Promise.hpp"
 
 namespace {
 
-// Counts finished items; the benchmark thread waits for the last one.
-class Countdown {
-  public:
-    void reset(std::int64_t count) { remaining_.store(count, std::memory_order_relaxed); }
-    void done() {
-        if (remaining_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            remaining_.notify_one();
-        }
-    }
-    void wait() {
-        for (auto left = remaining_.load(std::memory_order_acquire); left != 0;
-             left = remaining_.load(std::memory_order_acquire)) {
-            remaining_.wait(left, std::memory_order_acquire);
-        }
-    }
-
-  private:
-    std::atomic<std::int64_t> remaining_{0};
-};
+using kel::bench::Countdown;
 
 // A scheduler of its own, so that the benchmark does not share queues with anything else; its
 // work runs on the library's dispatch pool. The Asio pool gets one thread per core.
@@ -56,7 +39,7 @@ void BM_Schedule_TaskScheduler(benchmark::State& state) {
     for (auto _ : state) {
         countdown.reset(itemsPerBatch);
         for (std::int64_t i = 0; i < itemsPerBatch; ++i) {
-            scheduler.schedule([&countdown] { countdown.done(); });
+            scheduler.schedule([&countdown] { countdown.arrive(); });
         }
         countdown.wait();
     }
@@ -70,7 +53,7 @@ void BM_Schedule_AsioThreadPoolPost(benchmark::State& state) {
     for (auto _ : state) {
         countdown.reset(itemsPerBatch);
         for (std::int64_t i = 0; i < itemsPerBatch; ++i) {
-            asio::post(pool, [&countdown] { countdown.done(); });
+            asio::post(pool, [&countdown] { countdown.arrive(); });
         }
         countdown.wait();
     }
@@ -84,7 +67,7 @@ void BM_ScheduleLowPriority_TaskScheduler(benchmark::State& state) {
     for (auto _ : state) {
         countdown.reset(itemsPerBatch);
         for (std::int64_t i = 0; i < itemsPerBatch; ++i) {
-            scheduler.scheduleLowPriority([&countdown] { countdown.done(); });
+            scheduler.scheduleLowPriority([&countdown] { countdown.arrive(); });
         }
         countdown.wait();
     }
@@ -98,7 +81,7 @@ void BM_ScheduleLowPriority_AsioStrandPost(benchmark::State& state) {
     for (auto _ : state) {
         countdown.reset(itemsPerBatch);
         for (std::int64_t i = 0; i < itemsPerBatch; ++i) {
-            asio::post(strand, [&countdown] { countdown.done(); });
+            asio::post(strand, [&countdown] { countdown.arrive(); });
         }
         countdown.wait();
     }
