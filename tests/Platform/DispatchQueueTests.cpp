@@ -210,8 +210,10 @@ TEST(DispatchPool, BlockedWorkersDoNotStarveTheWorkTheyWaitFor) {
             released.fetch_add(1);
         });
     }
-    busy.async([&] { gate.wait(); });
-    DispatchQueue::global(kel::DispatchQoS::utility).async([&] { gate.leave(); });
+    // These two are not counted by `done` and may still be inside the gate when the test ends:
+    // they hold the gate by copy, so it outlives them.
+    busy.async([gate] { gate.wait(); });
+    DispatchQueue::global(kel::DispatchQoS::utility).async([gate] { gate.leave(); });
     expectEmpties(done);
     EXPECT_EQ(released.load(), blockers);
 }
