@@ -40,7 +40,6 @@ TEST(CalendarDifference, LargestUnitFirstWithTheRemainderInSmallerUnits) {
     EXPECT_EQ(difference(start, start + 13 * 24h), (DateComponents{0, 1, 6, 0, 0}));
     // No months: after the year, 2026-03-01 to 2026-04-05 is counted in weeks.
     EXPECT_EQ(difference(start, start + 400 * 24h), (DateComponents{1, 5, 0, 0, 0}));
-    EXPECT_EQ(difference(start, local(2035, 3, 1, 9, 14)), (DateComponents{9, 52, 0, 23, 58}));
     // Backwards, everything is zero or negative.
     EXPECT_EQ(difference(start + 3h + 5min, start), (DateComponents{0, 0, 0, -3, -5}));
     EXPECT_EQ(difference(start + 400 * 24h, start), (DateComponents{-1, -5, 0, 0, 0}));
@@ -62,15 +61,6 @@ TEST(CalendarDifference, DaysFollowTheWallClockAcrossDaylightSavingChanges) {
     ASSERT_EQ(local(2026, 10, 25) - autumn, 25h);
     EXPECT_EQ(difference(autumn, local(2026, 10, 25)), (DateComponents{0, 0, 1, 0, 0}));
     EXPECT_EQ(difference(autumn, local(2026, 10, 25) - 30min), (DateComponents{0, 0, 0, 24, 30}));
-}
-
-TEST(CalendarDifference, AYearFromTheTwentyNinthOfFebruaryEndsOnTheTwentyEighth) {
-    kel::testing::ScopedEnvironment environment;
-    environment.set("TZ", "UTC0");
-    Clock::time_point leapDay = local(2024, 2, 29, 10);
-    EXPECT_EQ(difference(leapDay, local(2025, 2, 28, 10)), (DateComponents{1, 0, 0, 0, 0}));
-    EXPECT_EQ(difference(leapDay, local(2025, 2, 28, 9, 59)), (DateComponents{0, 52, 0, 23, 59}));
-    EXPECT_EQ(difference(leapDay, local(2028, 2, 29, 10)), (DateComponents{4, 0, 0, 0, 0}));
 }
 
 }  // namespace

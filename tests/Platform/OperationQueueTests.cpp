@@ -132,10 +132,6 @@ TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedRemovedOrCancelle
     EXPECT_TRUE(dependent->isReady());
     EXPECT_EQ(readyChanges, 4);  // two adds, one finish, one removal
 
-    auto late = std::make_shared<Operation>();
-    late->addDependency(first);  // an already finished dependency does not hold it back
-    EXPECT_TRUE(late->isReady());
-
     // Cancellation makes an operation ready; started, it finishes without running its block.
     bool ran = false;
     int completions = 0;
@@ -220,32 +216,6 @@ TEST(OperationQueueLimits, AsynchronousOperationsHoldTheirSlotUntilTheyFinishEls
     }
 }
 
-TEST(OperationQueueScheduling, DependenciesOrderOperationsAcrossQueues) {
-    OperationQueue first;
-    OperationQueue second;
-    std::mutex mutex;
-    std::vector<int> order;  // guarded by mutex
-    std::vector<std::shared_ptr<Operation>> chain;
-    for (int i = 0; i < 20; ++i) {
-        chain.push_back(BlockOperation::make([&, i] {
-            std::lock_guard lock(mutex);
-            order.push_back(i);
-        }));
-        if (i > 0) {
-            chain.back()->addDependency(chain[chain.size() - 2]);
-        }
-    }
-    // Added last-first, alternating queues: only the dependencies impose the order.
-    for (std::size_t i = chain.size(); i-- > 0;) {
-        (i % 2 == 0 ? first : second).addOperation(chain[i]);
-    }
-    first.waitUntilAllOperationsAreFinished();
-    second.waitUntilAllOperationsAreFinished();
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(order.size(), 20u);
-    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
 TEST(OperationQueueScheduling, CancelledBeforeStartNeverRunMainButLeaveTheQueue) {
     OperationQueue queue;
     queue.setSuspended(true);
@@ -266,45 +236,6 @@ TEST(OperationQueueScheduling, CancelledBeforeStartNeverRunMainButLeaveTheQueue)
     EXPECT_EQ(completions.load(), 50);
     EXPECT_TRUE(deferred->isFinished());
     EXPECT_EQ(queue.operationCount(), 0u);
-}
-
-TEST(OperationQueueScheduling, StartsOnTheUnderlyingQueueAndOutlivesItsOwner) {
-    DispatchQueue underlying("test.underlying");
-    std::atomic<int> onUnderlying{0};
-    kel::DispatchGroup group;
-    {
-        OperationQueue queue;
-        queue.setUnderlyingQueue(underlying);
-        queue.setSuspended(true);
-        for (int i = 0; i < 20; ++i) {
-            group.enter();
-            auto operation = BlockOperation::make([&] {
-                if (underlying.isCurrent()) {
-                    onUnderlying.fetch_add(1);
-                }
-            });
-            operation->setCompletionBlock([group] { group.leave(); });
-            queue.addOperation(operation);
-        }
-        queue.setSuspended(false);
-    }  // the queue object is gone; what it holds still runs
-    ASSERT_TRUE(group.wait(kel::DispatchTime::now() + 30.0));
-    EXPECT_EQ(onUnderlying.load(), 20);
-}
-
-TEST(OperationQueueScheduling, WaitingInsideOperationsDoesNotStarveThePool) {
-    // Every operation of the first queue waits for one of the second; the pool must grow.
-    OperationQueue waiters;
-    OperationQueue workers;
-    workers.setSuspended(true);
-    std::vector<std::shared_ptr<Operation>> work;
-    for (int i = 0; i < 24; ++i) {
-        work.push_back(std::make_shared<BlockOperation>());
-        waiters.addOperation([target = work.back()] { target->waitUntilFinished(); });
-    }
-    workers.addOperations(work, false);
-    workers.setSuspended(false);
-    waiters.waitUntilAllOperationsAreFinished();
 }
 
 TEST(OperationDeathTest, MisuseIsFatal) {

@@ -17,13 +17,6 @@ using kel::DispatchTime;
 using kel::RunLoop;
 using namespace std::chrono_literals;
 
-TEST(MainThread, IsTheInitialThreadOnly) {
-    EXPECT_TRUE(kel::isMainThread());
-    bool onOther = true;
-    std::thread([&] { onOther = kel::isMainThread(); }).join();
-    EXPECT_FALSE(onOther);
-}
-
 TEST(MainQueue, RunsOnlyInsideTheRunLoopOnTheMainThreadInOrder) {
     std::vector<int> order;  // touched only on the main thread
     std::atomic<bool> wrongThread{false};

@@ -1,8 +1,6 @@
 #include "kel/Platform/UUID.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
 #include <string_view>
@@ -32,30 +30,6 @@ TEST(UUIDText, IsUpperCaseVersionFourAndRoundTrips) {
           "E621E1F8+C36C-495A-93FC-0C247A3E6E5F"}) {
         EXPECT_FALSE(kel::UUID::fromString(bad).has_value()) << bad;
     }
-}
-
-TEST(UUIDGeneration, ForkedChildDoesNotRepeatTheParentsNextIdentifier) {
-    kel::UUID warmUp;  // leaves buffered random bytes behind in this thread
-    (void)warmUp;
-    int channel[2];
-    ASSERT_EQ(::pipe(channel), 0);
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        kel::UUID inChild;
-        ssize_t written = ::write(channel[1], inChild.bytes().data(), inChild.bytes().size());
-        ::_exit(written == static_cast<ssize_t>(inChild.bytes().size()) ? 0 : 1);
-    }
-    kel::UUID inParent;
-    kel::UUID::Bytes fromChild{};
-    ASSERT_EQ(::read(channel[0], fromChild.data(), fromChild.size()),
-              static_cast<ssize_t>(fromChild.size()));
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ::close(channel[0]);
-    ::close(channel[1]);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_NE(kel::UUID(fromChild), inParent);
 }
 
 }  // namespace
