@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -14,9 +13,7 @@
 namespace kel {
 namespace {
 
-using testing::await;
-using testing::makeTestError;
-using testing::Pending;
+using namespace testing;
 
 TEST(PromiseDeduper, SharesTheInFlightPromisePerKey) {
     PromiseDeduper<std::string, int> deduper;
@@ -54,7 +51,7 @@ TEST(PromiseDeduper, EvictsOnEveryOutcomeIncludingAnAlreadySettledPromise) {
 TEST(PromiseDeduper, ConcurrentCallersAndSettlersAgree) {
     PromiseDeduper<int, int> deduper;
     std::atomic<int> wrongKey{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < 2000; ++i) {
@@ -70,9 +67,7 @@ TEST(PromiseDeduper, ConcurrentCallersAndSettlersAgree) {
             }
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     EXPECT_EQ(wrongKey.load(), 0);
 }
 
@@ -98,7 +93,7 @@ TEST(AsyncMain, AsyncMainAndSyncValueRunAtOnceOnTheMainThreadAndViaTheRunLoopFro
     std::thread caller([&] {
         ranOnMain += DispatchQueue::main().syncValue([] { return isMainThread() ? 1 : 100; });
     });
-    EXPECT_TRUE(RunLoop::runUntil([&] { return ranOnMain.load() >= 2; }, testing::kTimeout));
+    EXPECT_TRUE(RunLoop::runUntil([&] { return ranOnMain.load() >= 2; }, kTimeout));
     caller.join();
     EXPECT_EQ(ranOnMain.load(), 2);
 }

@@ -4,23 +4,16 @@
 
 #include <atomic>
 #include <latch>
-#include <memory>
-#include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "PromiseTestSupport.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
-#include "kel/Platform/RunLoop.hpp"
 
 namespace kel {
 namespace {
 
-using testing::await;
-using testing::makeTestError;
-using testing::Pending;
-using testing::pumpUntilSettled;
+using namespace testing;
 
 TEST(PromiseSettlement, FirstSettlementWinsAndACompletionMayBeCalledLater) {
     Promise<int> fulfilledFirst([](auto fulfill, auto reject, auto cancel) {
@@ -31,26 +24,12 @@ TEST(PromiseSettlement, FirstSettlementWinsAndACompletionMayBeCalledLater) {
     });
     EXPECT_EQ(fulfilledFirst.resolution()->value(), 1);
 
-    Promise<void> cancelledFirst([](auto fulfill, auto, auto cancel) {
-        cancel();
-        fulfill();
-    });
-    EXPECT_TRUE(cancelledFirst.resolution()->isCancelled());
-    EXPECT_TRUE(errorIs<std::runtime_error>(
-        Promise<int>::rejected(std::runtime_error("x")).resolution()->error()));
-
     Error error = makeTestError("failed");
     std::optional<Promise<int>::Completion> later;
     auto failed = Promise<int>::withCompletion([&](auto completion) { later.emplace(completion); });
     EXPECT_FALSE(failed.resolution().has_value());
     (*later)(Result<int>::failed(error));
     EXPECT_TRUE(failed.resolution()->error() == error);
-}
-
-TEST(PromiseSettlement, DelayFulfilsAfterTheDeadline) {
-    auto start = DispatchTime::now();
-    EXPECT_TRUE(await(Promise<void>::delay(start + 0.02)).isResolved());
-    EXPECT_GE(DispatchTime::now(), start + 0.02);
 }
 
 TEST(PromiseSettlement, ExactlyOnceUnderConcurrentSettleAndRegister) {
@@ -63,7 +42,7 @@ TEST(PromiseSettlement, ExactlyOnceUnderConcurrentSettleAndRegister) {
         std::atomic<int> calls{0};
         std::atomic<int> outcomes{0};  // bit set of the outcomes the handlers saw
         std::latch start(kSettlers + kRegistrars);
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int s = 0; s < kSettlers; ++s) {
             threads.emplace_back([&, s] {
                 start.arrive_and_wait();
@@ -89,9 +68,7 @@ TEST(PromiseSettlement, ExactlyOnceUnderConcurrentSettleAndRegister) {
             while (!(firstSeen = promise.resolution())) {
             }
         });
-        for (auto& thread : threads) {
-            thread.join();
-        }
+        threads.clear();
         ASSERT_EQ(calls.load(), kRegistrars * kHandlersPerRegistrar);
         const int seen = outcomes.load();
         ASSERT_TRUE(seen == 1 || seen == 2 || seen == 4) << seen;
@@ -228,13 +205,6 @@ TEST(PromiseErrors, RejectionAndCancellationTravelDownTheChainOnEachThensQueue) 
     EXPECT_TRUE(rejectedOnQueue.load());
     EXPECT_TRUE(cancelledOnQueue.load());
     EXPECT_TRUE(alwaysRan.load());
-
-    // On zalgoIfMain, a cancellation arriving on another thread goes through the main queue.
-    Pending<int> elsewhere;
-    auto viaMain = elsewhere.promise.then(zalgoIfMain(), [](int v) { return v; });
-    std::thread([&] { (*elsewhere.cancel)(); }).join();
-    EXPECT_FALSE(viaMain.resolution().has_value());
-    EXPECT_TRUE(pumpUntilSettled(viaMain).isCancelled());
 }
 
 // What the then callable gives decides the derived promise: a throw of PromiseError::cancelled
@@ -244,8 +214,6 @@ TEST(PromiseErrors, ThenCallableThrowsOrReturnsAPromise) {
     EXPECT_TRUE(one.then(zalgo(), [](int) -> int { throw PromiseError::cancelled; })
                     .resolution()
                     ->isCancelled());
-    auto abandoned = one.then(zalgo(), [](int) { throw PromiseError::abandoned; });
-    EXPECT_EQ(errorAs<PromiseError>(abandoned.resolution()->error()), PromiseError::abandoned);
     auto otherThrow = Promise<void>::fulfilled().then(
         zalgo(), []() -> std::string { throw std::logic_error("bad"); });
     EXPECT_TRUE(errorIs<std::logic_error>(otherThrow.resolution()->error()));
@@ -255,9 +223,6 @@ TEST(PromiseErrors, ThenCallableThrowsOrReturnsAPromise) {
     EXPECT_FALSE(followed.resolution().has_value());
     (*inner.fulfill)("inner");
     EXPECT_EQ(followed.resolution()->value(), "inner");
-    Error error = makeTestError("inner error");
-    auto rejected = one.then(zalgo(), [&](int) { return Promise<int>::rejected(error); });
-    EXPECT_TRUE(rejected.resolution()->error() == error);
     auto cancelled = one.then(
         zalgo(), [](int) { return Promise<void>([](auto, auto, auto cancel) { cancel(); }); });
     EXPECT_TRUE(cancelled.resolution()->isCancelled());
@@ -276,8 +241,6 @@ TEST(PromiseOwner, VanishedOwnerAbandonsThenSkipsErrorAndAlwaysAndForwardsReject
     Pending<int> fulfilling;
     bool called = false;
     auto derived = fulfilling.promise.then(zalgo(), owner, [&](int, Owner&) { called = true; });
-    auto returningPromise = fulfilling.promise.then(
-        zalgo(), owner, [&](int, Owner&) { return Promise<void>::fulfilled(); });
 
     Pending<int> failing;
     auto forwarded = failing.promise.then(zalgo(), owner, [&](int, Owner&) { called = true; });
@@ -291,8 +254,6 @@ TEST(PromiseOwner, VanishedOwnerAbandonsThenSkipsErrorAndAlwaysAndForwardsReject
     (*failing.reject)(error);
     EXPECT_FALSE(called);
     EXPECT_EQ(errorAs<PromiseError>(derived.resolution()->error()), PromiseError::abandoned);
-    EXPECT_EQ(errorAs<PromiseError>(returningPromise.resolution()->error()),
-              PromiseError::abandoned);
     EXPECT_TRUE(forwarded.resolution()->error() == error);
 }
 
