@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "SchedulerTestSupport.hpp"
 #include "kel/Promises/DeferredPromise.hpp"
@@ -45,30 +43,6 @@ TEST(SynchronizerJobs, ResultsWaitOnTheQueueUntilEveryOverlappingJobHasSettled) 
     EXPECT_TRUE(onMain);
     drainMainQueue();
     EXPECT_FALSE(isSettled(failedResult));
-}
-
-TEST(SynchronizerJobs, JobsFromManyThreadsAllComplete) {
-    kel::Synchronizer synchronizer;
-    std::vector<kel::Promise<void>> results[4];
-    {
-        std::vector<std::jthread> threads;
-        for (auto& perThread : results) {
-            threads.emplace_back([&] {
-                for (int i = 0; i < 50; ++i) {
-                    perThread.push_back(synchronizer.synchronize(kel::DispatchQueue::main(), [] {
-                        return kel::Promise<void>([](auto fulfill, auto) {
-                            kel::DispatchQueue::global().async([fulfill] { fulfill(); });
-                        });
-                    }));
-                }
-            });
-        }
-    }
-    for (auto& perThread : results) {
-        for (auto& result : perThread) {
-            pumpUntil([&] { return isSettled(result); });
-        }
-    }
 }
 
 }  // namespace

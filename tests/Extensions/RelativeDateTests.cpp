@@ -31,7 +31,6 @@ TEST(RelativeDatePhrases, UnitBoundariesInBothStylesFromTheEnglishCatalogue) {
     const Case cases[] = {
         {30s, "Now", "Now"},
         {-5min, "Now", "Now"},
-        {-400 * 24h, "Now", "Now"},
         {1min, "1 min ago", "1 minute ago"},
         {59min, "59 mins ago", "59 minutes ago"},
         {60min, "1 hr ago", "1 hour ago"},

@@ -35,9 +35,6 @@ TEST(SequenceUnique, WorksOnSinglePassAndGeneratedRanges) {
     std::istringstream input("4 4 5 4 6 5");
     EXPECT_EQ(kel::unique(std::views::istream<int>(input)), (std::vector{4, 5, 6}));
 
-    auto squares = std::views::iota(-3, 4) | std::views::transform([](int i) { return i * i; });
-    EXPECT_EQ(kel::unique(squares), (std::vector{9, 4, 1, 0}));
-
     // Elements produced as temporaries are moved into the result, so move-only ones work.
     auto boxes = std::views::iota(0, 4) |
                  std::views::transform([](int i) { return std::make_unique<int>(i % 2); });
@@ -48,7 +45,6 @@ TEST(ZippedMap, PairsUpToTheShorterSequenceAndLaterDuplicateKeysWin) {
     const std::vector<std::string> keys{"a", "b", "c"};
     EXPECT_EQ(kel::zippedMap(keys, std::vector{1, 2}),
               (std::unordered_map<std::string, int>{{"a", 1}, {"b", 2}}));
-    EXPECT_TRUE(kel::zippedMap(std::vector<int>{}, std::vector{1, 2}).empty());
     const auto chosen =
         kel::zippedMap<std::map<char, int>>(std::string("abca"), std::vector{1, 2, 3, 4});
     EXPECT_EQ(chosen, (std::map<char, int>{{'a', 4}, {'b', 2}, {'c', 3}}));
