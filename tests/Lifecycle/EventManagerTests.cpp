@@ -1,0 +1,118 @@
+#include "kel/Lifecycle/EventManager.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kel::EventManager;
+using kel::EventTriggerBehavior;
+
+enum class AppEvent { launched, active, signedIn, background };
+
+struct EventManagerTest : ::testing::Test {
+    EventManager<AppEvent> manager;
+    std::vector<std::string> calls;
+
+    EventManager<AppEvent>::Block record(std::string name) {
+        return [this, name] { calls.push_back(name); };
+    }
+};
+
+TEST(EventTriggerBehaviorTest, NamedOptionsAndRawValues) {
+    EXPECT_EQ(EventTriggerBehavior::onlyOnce.rawValue(), 1);
+    EXPECT_EQ(EventTriggerBehavior::eager.rawValue(), 2);
+    EXPECT_EQ(EventTriggerBehavior::any.rawValue(), 4);
+    EXPECT_EQ(EventTriggerBehavior::all.rawValue(), 8);
+    EXPECT_EQ(EventTriggerBehavior(3),
+              (EventTriggerBehavior{EventTriggerBehavior::onlyOnce, EventTriggerBehavior::eager}));
+}
+
+// Without `any` a trigger needs every event (with `all` or with neither); with `any` one is
+// enough, also when `all` is set too. The empty set satisfies every trigger without `any` and
+// never one with it.
+TEST_F(EventManagerTest, SatisfactionTestsOnlyAny) {
+    manager.trigger({AppEvent::launched, AppEvent::active}, {}, record("default"));
+    manager.trigger({AppEvent::launched, AppEvent::active}, EventTriggerBehavior::all,
+                    record("all"));
+    manager.trigger({AppEvent::launched, AppEvent::active}, EventTriggerBehavior::any,
+                    record("any"));
+    manager.trigger({AppEvent::launched, AppEvent::active},
+                    {EventTriggerBehavior::any, EventTriggerBehavior::all}, record("any+all"));
+    manager.trigger(std::unordered_set<AppEvent>{}, {}, record("empty"));
+    manager.trigger(std::unordered_set<AppEvent>{}, EventTriggerBehavior::any,
+                    record("empty any"));
+
+    manager.fire(AppEvent::launched);
+    EXPECT_EQ(calls, (std::vector<std::string>{"any", "any+all", "empty"}));
+    calls.clear();
+    manager.fire(AppEvent::active);
+    EXPECT_EQ(calls, (std::vector<std::string>{"default", "all", "any", "any+all", "empty"}));
+}
+
+// A kept trigger runs again on every later fire, related or not (a repeated event included);
+// an onlyOnce one runs once and is gone.
+TEST_F(EventManagerTest, KeptTriggersRerunOnEveryFireOnlyOnceRunOnce) {
+    manager.trigger(AppEvent::active, {}, record("kept"));
+    manager.trigger(AppEvent::active, EventTriggerBehavior::onlyOnce, record("once"));
+    manager.fire(AppEvent::launched);
+    EXPECT_TRUE(calls.empty());
+    manager.fire(AppEvent::active);
+    manager.fire(AppEvent::background);
+    manager.fire(AppEvent::active);
+    EXPECT_EQ(calls, (std::vector<std::string>{"kept", "once", "kept", "kept"}));
+}
+
+// A trigger registered after its events fired runs during registration only when eager (and is
+// then not stored when onlyOnce too); otherwise it waits for the next fire of any event.
+TEST_F(EventManagerTest, TriggersRegisteredAfterTheirEvents) {
+    manager.fire(AppEvent::launched);
+    manager.trigger(AppEvent::launched, {}, record("lazy"));
+    manager.trigger(AppEvent::launched, EventTriggerBehavior::eager, record("eager"));
+    manager.trigger(AppEvent::launched,
+                    {EventTriggerBehavior::eager, EventTriggerBehavior::onlyOnce},
+                    record("eager once"));
+    manager.trigger(AppEvent::active, EventTriggerBehavior::eager, record("eager unsatisfied"));
+    EXPECT_EQ(calls, (std::vector<std::string>{"eager", "eager once"}));
+    calls.clear();
+    manager.fire(AppEvent::background);
+    EXPECT_EQ(calls, (std::vector<std::string>{"lazy", "eager"}));
+}
+
+// The list is replaced when fire ends: a trigger registered by a block is dropped (its eager
+// block still ran at registration), and a nested fire walks the list as it stood before the
+// outer fire and is then overwritten by it.
+TEST_F(EventManagerTest, ListReplacedAtTheEndOfFire) {
+    manager.trigger(AppEvent::launched, EventTriggerBehavior::onlyOnce, [this] {
+        calls.push_back("outer");
+        if (calls.size() == 1) {
+            manager.trigger(AppEvent::launched, EventTriggerBehavior::eager,
+                            record("registered"));
+            manager.fire(AppEvent::signedIn);
+        }
+    });
+    manager.trigger(AppEvent::signedIn, EventTriggerBehavior::onlyOnce, record("signedIn"));
+    manager.fire(AppEvent::launched);
+    // The nested fire walked the stored list: the outer trigger (not yet dropped), signedIn and
+    // the registered one. The outer fire then walked on in its own list and ran signedIn again.
+    EXPECT_EQ(calls, (std::vector<std::string>{"outer", "registered", "outer", "signedIn",
+                                               "registered", "signedIn"}));
+    calls.clear();
+    manager.fire(AppEvent::background);
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST(EventManagerDeathTest, EveryOperationOffTheMainQueueStops) {
+    EventManager<int> manager;
+    EXPECT_DEATH(std::thread([&] { manager.fire(1); }).join(), "off the main queue");
+    EXPECT_DEATH(std::thread([&] { manager.trigger(1, {}, [] {}); }).join(),
+                 "off the main queue");
+    EXPECT_DEATH(std::thread([&] { manager.trigger(std::unordered_set<int>{1}, {}, [] {}); })
+                     .join(),
+                 "off the main queue");
+}
+
+}  // namespace
