@@ -10,7 +10,8 @@
 // The walk works on the list as it stood when fire began and replaces the stored list with its
 // result when it ends. So a trigger that a block registers during fire is dropped when that fire
 // ends (its eager block may already have run), and a fire nested in a block walks the list as it
-// stood before the outer fire and is overwritten by it. If a block throws, the exception leaves
+// stood before the outer fire (plus the registrations made since) and its result is overwritten
+// by the outer fire's. If a block throws, the exception leaves
 // fire, the event stays recorded and the list stays as it was before that fire.
 //
 // Thread rules: main queue only. Every operation begins with a main-queue precondition and stops
