@@ -21,7 +21,9 @@ using kel::Lazy;
 using kel::LazyOptions;
 using kel::RunLoop;
 
-bool pumpUntil(const std::function<bool()>& done) { return RunLoop::runUntil(done, 10s); }
+bool pumpUntil(const std::function<bool()>& done) {
+    return RunLoop::runUntil(done, 10s);
+}
 
 // Many readers at once, plus onLoad before and after: one load, one stored value, every reader
 // and every onLoad block sees it; loadedValue never loads.
@@ -201,9 +203,8 @@ TEST(EventLoadedLazyTest, LoadsWhenItsEventFires) {
     EXPECT_EQ(failing->value(), 2);
 
     int goneLoads = 0;
-    auto gone = EventLoadedLazy<int, AppEvent>::make(fresh, AppEvent::launched, {}, [&] {
-        return ++goneLoads;
-    });
+    auto gone = EventLoadedLazy<int, AppEvent>::make(fresh, AppEvent::launched, {},
+                                                     [&] { return ++goneLoads; });
     gone.reset();
     fresh.fire(AppEvent::launched);
     EXPECT_EQ(goneLoads, 0);

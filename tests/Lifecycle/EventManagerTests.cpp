@@ -43,8 +43,7 @@ TEST_F(EventManagerTest, SatisfactionTestsOnlyAny) {
     manager.trigger({AppEvent::launched, AppEvent::active},
                     {EventTriggerBehavior::any, EventTriggerBehavior::all}, record("any+all"));
     manager.trigger(std::unordered_set<AppEvent>{}, {}, record("empty"));
-    manager.trigger(std::unordered_set<AppEvent>{}, EventTriggerBehavior::any,
-                    record("empty any"));
+    manager.trigger(std::unordered_set<AppEvent>{}, EventTriggerBehavior::any, record("empty any"));
 
     manager.fire(AppEvent::launched);
     EXPECT_EQ(calls, (std::vector<std::string>{"any", "any+all", "empty"}));
@@ -89,8 +88,7 @@ TEST_F(EventManagerTest, ListReplacedAtTheEndOfFire) {
     manager.trigger(AppEvent::launched, EventTriggerBehavior::onlyOnce, [this] {
         calls.push_back("outer");
         if (calls.size() == 1) {
-            manager.trigger(AppEvent::launched, EventTriggerBehavior::eager,
-                            record("registered"));
+            manager.trigger(AppEvent::launched, EventTriggerBehavior::eager, record("registered"));
             manager.fire(AppEvent::signedIn);
         }
     });
@@ -108,11 +106,10 @@ TEST_F(EventManagerTest, ListReplacedAtTheEndOfFire) {
 TEST(EventManagerDeathTest, EveryOperationOffTheMainQueueStops) {
     EventManager<int> manager;
     EXPECT_DEATH(std::thread([&] { manager.fire(1); }).join(), "off the main queue");
-    EXPECT_DEATH(std::thread([&] { manager.trigger(1, {}, [] {}); }).join(),
-                 "off the main queue");
-    EXPECT_DEATH(std::thread([&] { manager.trigger(std::unordered_set<int>{1}, {}, [] {}); })
-                     .join(),
-                 "off the main queue");
+    EXPECT_DEATH(std::thread([&] { manager.trigger(1, {}, [] {}); }).join(), "off the main queue");
+    EXPECT_DEATH(
+        std::thread([&] { manager.trigger(std::unordered_set<int>{1}, {}, [] {}); }).join(),
+        "off the main queue");
 }
 
 }  // namespace

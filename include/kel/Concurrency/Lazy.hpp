@@ -89,17 +89,16 @@ class Lazy : public std::enable_shared_from_this<Lazy<T>> {
     // happens on TaskScheduler::shared()'s concurrent operation queue and this returns at once.
     void load(ValueBlock completion) {
         if (options_.contains(LazyOptions::keepOffMain) && isMainThread()) {
-            TaskScheduler::shared().schedule(
-                [this, keepAlive = this->weak_from_this().lock(),
-                 completion = std::move(completion)]() mutable {
-                    std::optional<std::reference_wrapper<const T>> loaded;
-                    try {
-                        loaded = std::cref(value());
-                    } catch (...) {
-                        return;
-                    }
-                    completion(*loaded);
-                });
+            TaskScheduler::shared().schedule([this, keepAlive = this->weak_from_this().lock(),
+                                              completion = std::move(completion)]() mutable {
+                std::optional<std::reference_wrapper<const T>> loaded;
+                try {
+                    loaded = std::cref(value());
+                } catch (...) {
+                    return;
+                }
+                completion(*loaded);
+            });
             return;
         }
         completion(value());
@@ -170,7 +169,7 @@ class Lazy : public std::enable_shared_from_this<Lazy<T>> {
     // The thread running loadBlock_ (no id when none), to stop a load block reading its Lazy.
     std::atomic<std::thread::id> loadingThread_{};
     UnfairLock lock_{UnfairLock::Options()};
-    std::optional<T> rawValue_;              // guarded by lock_ until loaded_
+    std::optional<T> rawValue_;             // guarded by lock_ until loaded_
     std::vector<ValueBlock> onLoadBlocks_;  // guarded by lock_
 };
 

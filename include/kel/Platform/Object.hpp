@@ -5,20 +5,60 @@
 // and always owned through std::shared_ptr (make derived objects with std::make_shared), so the
 // library can hold it weakly and cast it with std::dynamic_pointer_cast.
 //
-// Thread rules: the class itself has no state; derived classes state their own rules.
+// Every object has a slot for associated values (ObjectAssociation<T> reads and writes them):
+// a table made on the first write, freed with the object, which releases what it holds then.
+// Objects that never get an associated value pay one pointer.
+//
+// Thread rules: the slot is thread-safe (made once with a compare-and-swap, the table guarded by
+// its own lock); derived classes state their own rules.
 // Ownership: shared; objects are neither copyable nor movable, since their identity matters.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
 namespace kel {
+
+class Object;
+
+namespace detail {
+
+class AssociationTable;
+
+// One associated value, type-erased: a strong reference, or a weak one, or nothing.
+struct AssociatedValue {
+    std::shared_ptr<void> strong;
+    std::weak_ptr<void> weak;
+};
+
+// The access ObjectAssociation has to an object's slot.
+struct ObjectAssociations {
+    // A key that no other association has used in this process.
+    static std::uint64_t newKey() noexcept;
+    // The value stored under `key`, or an empty one.
+    static AssociatedValue get(const Object& object, std::uint64_t key);
+    // Stores `value` under `key`; an empty value (no strong and no weak reference) removes it.
+    // The value replaced is released after the table's lock.
+    static void set(const Object& object, std::uint64_t key, AssociatedValue value);
+};
+
+}  // namespace detail
 
 class Object {
   public:
-    virtual ~Object() = default;
+    virtual ~Object();
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
   protected:
     Object() = default;
+
+  private:
+    friend struct detail::ObjectAssociations;
+
+    // Null until the first associated value is stored; set once, then owned by the object.
+    mutable std::atomic<detail::AssociationTable*> associations_{nullptr};
 };
 
 }  // namespace kel
