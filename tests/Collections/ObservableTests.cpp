@@ -1,0 +1,150 @@
+#include "kel/Collections/Observable.hpp"
+#include "kel/Collections/Reportable.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kel::Observable;
+using kel::Reportable;
+
+// Equal when the ids are equal, whatever the name, so a test can see an equal value stored.
+struct User {
+    int id;
+    std::string name;
+    friend bool operator==(const User& a, const User& b) { return a.id == b.id; }
+};
+
+// Registration calls nothing; next notifies with the new value; quiet only stores, and a later
+// triggerObservers delivers the stored value.
+TEST(ObservableTest, NextQuietAndTrigger) {
+    auto count = Observable<int>::make(1);
+    std::vector<int> seen;
+    count->onNext([&](const int& value) { seen.push_back(value); });
+    EXPECT_TRUE(seen.empty());
+    count->next(2);
+    count->next(3, true);
+    EXPECT_EQ(count->value(), 3);
+    EXPECT_EQ(seen, (std::vector<int>{2}));
+    count->triggerObservers();
+    EXPECT_EQ(seen, (std::vector<int>{2, 3}));
+}
+
+// An equal value is stored anyway; it notifies only when onlyIfChanged is false; the answer
+// says whether the value differed.
+TEST(ObservableTest, NextOnlyIfChanged) {
+    auto user = Observable<User>::make(User{1, "alice"});
+    std::vector<std::string> seen;
+    user->onNext([&](const User& value) { seen.push_back(value.name); });
+    EXPECT_FALSE(user->nextOnlyIfChanged(User{1, "Alice"}, true));
+    EXPECT_EQ(user->value().name, "Alice");
+    EXPECT_TRUE(seen.empty());
+    EXPECT_FALSE(user->nextOnlyIfChanged(User{1, "ALICE"}, false));
+    EXPECT_TRUE(user->nextOnlyIfChanged(User{2, "bob"}, true));
+    EXPECT_EQ(seen, (std::vector<std::string>{"ALICE", "bob"}));
+}
+
+// A token re-pointed to an object of the observer's owner works while it lives; once it is gone
+// (or the token is given null) the observer is skipped and dropped from the list at that
+// notification (the list's share of the token goes).
+TEST(ObservableTest, KeepAliveObjectsBoundObservers) {
+    auto progress = Observable<int>::make(0);
+    int screenCalls = 0;
+    int cancelledCalls = 0;
+    auto screen = std::make_shared<int>(0);
+    std::shared_ptr<kel::Disposable> screenToken =
+        progress->onNext([&](const int&) { ++screenCalls; });
+    screenToken->keepAlive(screen);
+    std::shared_ptr<kel::Disposable> cancelled =
+        progress->onNext([&](const int&) { ++cancelledCalls; });
+    cancelled->keepAlive(nullptr);
+
+    progress->next(1);
+    EXPECT_EQ(screenCalls, 1);
+    EXPECT_EQ(cancelledCalls, 0);
+    EXPECT_EQ(cancelled.use_count(), 1);
+    EXPECT_EQ(screenToken.use_count(), 2);
+
+    screen.reset();
+    progress->next(2);
+    EXPECT_EQ(screenCalls, 1);
+    EXPECT_EQ(screenToken.use_count(), 1);
+}
+
+// An observer registered during a notification waits for the next one but is kept; an observer
+// may call next again: the nested notification runs, and every observer reads the value afresh.
+TEST(ObservableTest, RegistrationAndNextFromInsideAnObserver) {
+    auto value = Observable<int>::make(0);
+    std::vector<std::string> seen;
+    value->onNext([&](const int& current) {
+        seen.push_back("first " + std::to_string(current));
+        if (current == 1) {
+            value->onNext(
+                [&](const int& later) { seen.push_back("added " + std::to_string(later)); });
+            value->next(2);
+        }
+    });
+    value->onNext([&](const int& current) { seen.push_back("second " + std::to_string(current)); });
+    value->next(1);
+    EXPECT_EQ(seen,
+              (std::vector<std::string>{"first 1", "first 2", "second 2", "added 2", "second 2"}));
+    seen.clear();
+    value->next(3);
+    EXPECT_EQ(seen, (std::vector<std::string>{"first 3", "second 3", "added 3"}));
+}
+
+// Off the main thread reads and writes go through the lock: readers never see a torn value.
+TEST(ObservableTest, BackgroundReadersAndWriter) {
+    auto text = Observable<std::string>::make(std::string(64, 'a'));
+    constexpr int readerCount = 3;
+    std::latch start(readerCount + 1);
+    std::atomic<bool> done = false;
+    std::atomic<int> torn = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < readerCount; ++i) {
+        threads.emplace_back([&] {
+            start.arrive_and_wait();
+            while (!done) {
+                std::string read = text->value();
+                torn += read.find_first_not_of(read.front()) != std::string::npos ? 1 : 0;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        start.arrive_and_wait();
+        for (int round = 0; round < 2000; ++round) {
+            text->next(std::string(64 + round % 7, static_cast<char>('a' + round % 26)), true);
+        }
+        done = true;
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(torn, 0);
+}
+
+// Callables run in order with the value; one appended during a trigger waits for the next;
+// reset forgets them all.
+TEST(ReportableTest, TriggerInOrderAndReset) {
+    Reportable<double> progress;
+    std::vector<std::string> seen;
+    progress.then([&](const double& value) {
+        seen.push_back("bar " + std::to_string(static_cast<int>(value * 100)));
+        progress.then([&](const double&) { seen.push_back("late"); });
+    });
+    progress.then([&](const double&) { seen.push_back("label"); });
+    progress.trigger(0.5);
+    EXPECT_EQ(seen, (std::vector<std::string>{"bar 50", "label"}));
+    progress.reset();
+    progress.trigger(1.0);
+    EXPECT_EQ(seen.size(), 2U);
+}
+
+}  // namespace
