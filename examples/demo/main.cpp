@@ -10,6 +10,7 @@
 
 #include "CollectionsDemo.hpp"
 #include "DispatchDemo.hpp"
+#include "EventsDemo.hpp"
 #include "FoundationDemo.hpp"
 #include "PromisesDemo.hpp"
 #include "SchedulersDemo.hpp"
@@ -45,6 +46,7 @@ int main() {
     std::cout << "\n== Task schedulers and asynchronous operations\n";
     runSchedulersDemo();
     runCollectionsDemo();
+    runEventsDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.
