@@ -52,7 +52,7 @@ class Reportable {
   private:
     using BlockList = std::vector<Block>;
     // Shared with a trigger walking it; an append during the walk copies it first. Null when
-    // empty.
+    // empty. Not locked: one thread (see the thread rules).
     std::shared_ptr<BlockList> observers_;
 };
 
