@@ -11,8 +11,9 @@
 // result when it ends. So a trigger that a block registers during fire is dropped when that fire
 // ends (its eager block may already have run), and a fire nested in a block walks the list as it
 // stood before the outer fire (plus the registrations made since) and its result is overwritten
-// by the outer fire's. If a block throws, the exception leaves
-// fire, the event stays recorded and the list stays as it was before that fire.
+// by the outer fire's. If a block throws, the exception leaves fire with the event recorded and
+// the list not replaced: no trigger of that fire is dropped (registrations made before the throw
+// stay).
 //
 // Thread rules: main queue only. Every operation begins with a main-queue precondition and stops
 // the process when called from any other thread. No lock; blocks run synchronously on the main
