@@ -11,6 +11,7 @@
 #include "CollectionsDemo.hpp"
 #include "DispatchDemo.hpp"
 #include "FoundationDemo.hpp"
+#include "LifecycleDemo.hpp"
 #include "PromisesDemo.hpp"
 #include "SchedulersDemo.hpp"
 #include "UtilitiesDemo.hpp"
@@ -45,6 +46,7 @@ int main() {
     std::cout << "\n== Task schedulers and asynchronous operations\n";
     runSchedulersDemo();
     runCollectionsDemo();
+    runLifecycleDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.
