@@ -7,39 +7,35 @@
 #include <string>
 #include <vector>
 
-#include "LifecycleTestSupport.hpp"
+#include "../Promises/PromiseTestSupport.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
-#include "kel/Platform/DispatchTime.hpp"
 #include "kel/Platform/Log.hpp"
 #include "kel/Promises/WhenError.hpp"
 
 namespace {
 
 using kel::BackgroundFetchManager;
-using kel::BackgroundFetchResult;
-using kel::BackgroundFetchWorker;
-using kel::LogArgument;
-using kel::LogLevel;
 using kel::LogRecord;
 using kel::Promise;
 using kel::testing::makeTestError;
-using kel::testing::Pending;
-using kel::testing::pumpMainQueue;
 using kel::testing::pumpUntilSettled;
-using Result = BackgroundFetchResult;
+using Result = kel::BackgroundFetchResult;
 
-constexpr const char* kSkip =
+// The lines as the system log shows them: public arguments shown, private ones redacted.
+const std::string skipped =
     "Background fetch manager will skip background fetch because there are no workers";
-constexpr const char* kPerform =
-    "Background fetch manager will perform background fetch with %lu workers";
-constexpr const char* kTimedOut = "Background fetch manager timed out performing background fetch";
-constexpr const char* kSucceeded =
-    "Background fetch manager successfully performed background fetch with result: %{public}@";
-constexpr const char* kFailed =
-    "Background fetch manager failed background fetch with error: %{public}@";
+std::string performing(int workers) {
+    return "Background fetch manager will perform background fetch with " +
+           std::to_string(workers) + " workers";
+}
+const std::string timedOut = "Background fetch manager timed out performing background fetch";
+std::string succeeded(const std::string& result) {
+    return "Background fetch manager successfully performed background fetch with result: " +
+           result;
+}
 
 // Answers with a settled result, or with its pending promise when made without one.
-class Worker : public BackgroundFetchWorker {
+class Worker : public kel::BackgroundFetchWorker {
   public:
     explicit Worker(std::optional<Result> answer = std::nullopt) : answer_(answer) {}
 
@@ -49,16 +45,24 @@ class Worker : public BackgroundFetchWorker {
     }
 
     int calls = 0;
-    Pending<Result> pending;
+    kel::testing::Pending<Result> pending;
 
   private:
     std::optional<Result> answer_;
 };
 
-struct BackgroundFetchFixture : ::testing::Test {
-    std::vector<LogRecord> records() const { return capture->records(); }
+struct BackgroundFetch : ::testing::Test {
+    // Every line written so far, at the default level, as the system log renders it.
+    void expectLines(const std::vector<std::string>& expected) const {
+        std::vector<std::string> lines;
+        for (const LogRecord& record : capture->records()) {
+            EXPECT_TRUE(record.level == kel::LogLevel::default_) << record.format;
+            lines.push_back(record.message(true));
+        }
+        EXPECT_EQ(lines, expected);
+    }
 
-    // Pumps the main queue until `seconds` from now have passed (work due earlier has run).
+    // Pumps the main queue until main-queue work due `seconds` from now has run.
     static void pumpPast(double seconds) {
         bool reached = false;
         kel::DispatchQueue::main().asyncAfter(kel::DispatchTime::now() + seconds,
@@ -67,108 +71,76 @@ struct BackgroundFetchFixture : ::testing::Test {
             kel::RunLoop::runUntil([&] { return reached; }, kel::testing::kTimeout));
     }
 
-    // Waits until a worker's late answer has gone through the join and reached the main queue.
-    static void drainLateAnswer() {
-        kel::zalgo().sync([] {});
-        pumpMainQueue();
-    }
-
     std::shared_ptr<kel::CapturingLogSink> capture = std::make_shared<kel::CapturingLogSink>();
     kel::ScopedLogSink scopedSink{capture};
 };
 
-LogRecord line(const char* format, std::vector<LogArgument> arguments = {}) {
-    return LogRecord{LogLevel::default_, format, std::move(arguments)};
-}
-
-// Compares level, format and arguments, line by line.
-void expectRecords(const std::vector<LogRecord>& actual, const std::vector<LogRecord>& expected) {
-    ASSERT_EQ(actual.size(), expected.size());
-    for (std::size_t i = 0; i < actual.size(); ++i) {
-        EXPECT_EQ(actual[i].format, expected[i].format);
-        EXPECT_TRUE(actual[i].level == expected[i].level) << actual[i].format;
-        EXPECT_TRUE(actual[i].arguments == expected[i].arguments) << actual[i].message();
-    }
-}
-
-TEST_F(BackgroundFetchFixture, WithoutRegistrationsAnswersNoDataAtOnceAndSchedulesNothing) {
+TEST_F(BackgroundFetch, WithoutRegistrationsAnswersNoDataAtOnceAndSchedulesNothing) {
     BackgroundFetchManager manager(0.05);
-    const auto fetch = manager.performBackgroundFetch();
-    ASSERT_TRUE(fetch.resolution().has_value());
-    EXPECT_EQ(fetch.resolution()->value(), Result::noData);
+    EXPECT_EQ(manager.performBackgroundFetch().resolution()->value(), Result::noData);
     pumpPast(0.2);
-    expectRecords(records(), {line(kSkip)});
+    expectLines({skipped});
 }
 
-TEST_F(BackgroundFetchFixture, NewDataIfAnyWorkerHasNewData) {
+// Registrations whose workers died, or that were ended, count in the first line but do not run;
+// each fetch prunes them. With every worker dead the answer is noData, and the next fetch finds
+// no registration at all.
+TEST_F(BackgroundFetch, NewDataIfAnyWorkerHasItAndEndedRegistrationsArePruned) {
     BackgroundFetchManager manager;
     EXPECT_EQ(manager.fetchTimeLimit(), 10.0);
     auto quiet = std::make_shared<Worker>(Result::noData);
     auto busy = std::make_shared<Worker>(Result::newData);
     manager.add(quiet);
+    manager.add(std::make_shared<Worker>(Result::newData));
     manager.add(busy);
+    manager.add(busy)->keepAlive(nullptr);
     EXPECT_EQ(pumpUntilSettled(manager.performBackgroundFetch()).value(), Result::newData);
-    expectRecords(records(), {line(kPerform, {2ul}), line(kSucceeded, {"newData"})});
+    EXPECT_EQ(busy->calls, 1);
+
+    quiet.reset();
+    busy.reset();
+    EXPECT_EQ(pumpUntilSettled(manager.performBackgroundFetch()).value(), Result::noData);
+    EXPECT_EQ(pumpUntilSettled(manager.performBackgroundFetch()).value(), Result::noData);
+    expectLines({performing(4), succeeded("newData"), performing(2), succeeded("noData"), skipped});
 }
 
-// Dead workers still count in the first line; none runs, the answer is noData, and their
-// tokens are pruned, so the next fetch finds no registration.
-TEST_F(BackgroundFetchFixture, DeadWorkersAreCountedSkippedAndPruned) {
-    BackgroundFetchManager manager;
-    auto released = std::make_shared<Worker>(Result::newData);
-    auto alive = std::make_shared<Worker>(Result::newData);
-    manager.add(released);
-    manager.add(alive)->keepAlive(nullptr);
-    released.reset();
-
-    EXPECT_EQ(pumpUntilSettled(manager.performBackgroundFetch()).value(), Result::noData);
-    EXPECT_EQ(alive->calls, 0);
-    EXPECT_EQ(pumpUntilSettled(manager.performBackgroundFetch()).value(), Result::noData);
-    expectRecords(records(), {line(kPerform, {2ul}), line(kSucceeded, {"noData"}), line(kSkip)});
-}
-
-TEST_F(BackgroundFetchFixture, TimesOutAndIgnoresALateAnswer) {
+TEST_F(BackgroundFetch, TimesOutAndIgnoresALateAnswer) {
     BackgroundFetchManager manager(0.1);
     auto prompt = std::make_shared<Worker>(Result::newData);
     auto silent = std::make_shared<Worker>();
     manager.add(prompt);
     manager.add(silent);
-
     const auto fetch = manager.performBackgroundFetch();
-    const auto resolution = pumpUntilSettled(fetch);
-    ASSERT_TRUE(resolution.isRejected());
-    EXPECT_TRUE(kel::errorAs<BackgroundFetchManager::Errors>(resolution.error()) ==
-                BackgroundFetchManager::Errors::timedOut);
+    const auto error = pumpUntilSettled(fetch).error();
+    EXPECT_EQ(kel::errorAs<BackgroundFetchManager::Errors>(error),
+              BackgroundFetchManager::Errors::timedOut);
 
+    // The late answer goes through the join on the zalgo queue, then to the main queue.
     (*silent->pending.fulfill)(Result::newData);
-    drainLateAnswer();
+    kel::zalgo().sync([] {});
+    pumpPast(0);
     EXPECT_TRUE(fetch.resolution()->isRejected());
-    expectRecords(records(), {line(kPerform, {2ul}), line(kTimedOut)});
+    expectLines({performing(2), timedOut});
 }
 
 // The join waits for every worker and reports every failure in registration order, whatever
 // order they failed in; the time limit passing afterwards changes nothing.
-TEST_F(BackgroundFetchFixture, FailsWithTheWorkersErrorsAndIgnoresTheTimeLimitAfterwards) {
+TEST_F(BackgroundFetch, FailsWithTheWorkersErrorsAndIgnoresTheTimeLimitAfterwards) {
     BackgroundFetchManager manager(1.0);
     auto first = std::make_shared<Worker>();
     auto second = std::make_shared<Worker>();
     manager.add(first);
     manager.add(second);
-    const auto firstError = makeTestError("first");
-    const auto secondError = makeTestError("second");
-
+    const auto firstError = makeTestError("first"), secondError = makeTestError("second");
     const auto fetch = manager.performBackgroundFetch();
     (*second->pending.reject)(secondError);
     (*first->pending.reject)(firstError);
-    const auto resolution = pumpUntilSettled(fetch);
-    ASSERT_TRUE(resolution.isRejected());
-    const auto whenError = kel::errorAs<kel::WhenError>(resolution.error());
-    ASSERT_TRUE(whenError.has_value());
-    EXPECT_EQ(whenError->errors(), (std::vector<kel::Error>{firstError, secondError}));
-
+    const auto error = kel::errorAs<kel::WhenError>(pumpUntilSettled(fetch).error());
+    EXPECT_EQ(error->errors(), (std::vector<kel::Error>{firstError, secondError}));
     pumpPast(manager.fetchTimeLimit());
-    expectRecords(records(),
-                  {line(kPerform, {2ul}), line(kFailed, {"WhenError.errors([first, second])"})});
+    expectLines({performing(2),
+                 "Background fetch manager failed background fetch with error: "
+                 "WhenError.errors([first, second])"});
 }
 
 }  // namespace
