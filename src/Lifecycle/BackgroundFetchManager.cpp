@@ -38,8 +38,7 @@ Promise<BackgroundFetchResult> BackgroundFetchManager::performBackgroundFetch() 
                 return;
             }
             Log::write(LogLevel::default_,
-                       "Background fetch manager timed out "
-                       "performing background fetch");
+                       "Background fetch manager timed out performing background fetch");
             reject(Errors::timedOut);
             *finished = true;
         });
