@@ -12,6 +12,7 @@
 #include "DispatchDemo.hpp"
 #include "EventsDemo.hpp"
 #include "FoundationDemo.hpp"
+#include "LifecycleDemo.hpp"
 #include "PromisesDemo.hpp"
 #include "SchedulersDemo.hpp"
 #include "UtilitiesDemo.hpp"
@@ -47,6 +48,7 @@ int main() {
     runSchedulersDemo();
     runCollectionsDemo();
     runEventsDemo();
+    runLifecycleDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.
