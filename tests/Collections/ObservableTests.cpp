@@ -121,6 +121,37 @@ TEST(ObservableTest, BackgroundReadersAndWriter) {
     EXPECT_EQ(torn, 0);
 }
 
+// While another thread writes, lock-free main-thread reads see only stored values, never an
+// older one than the last read, and never a node the writer replaced and freed. The main thread
+// reads until it has seen the value change 50 times, so reads and writes surely overlap.
+TEST(ObservableTest, MainThreadReadsWhileBackgroundThreadWrites) {
+    auto textFor = [](int round) {
+        return std::to_string(round) + std::string(40, static_cast<char>('a' + round % 26));
+    };
+    auto text = Observable<std::string>::make(textFor(0));
+    std::atomic<bool> stop = false;
+    int lastWritten = 0;
+    std::thread writer([&] {
+        while (!stop) {
+            text->next(textFor(++lastWritten), true);
+        }
+    });
+    int lastRead = 0;
+    int changes = 0;
+    int wrong = 0;
+    while (changes < 50) {
+        const std::string read = text->value();
+        const int round = std::stoi(read);
+        wrong += round < lastRead || read != textFor(round) ? 1 : 0;
+        changes += round != lastRead ? 1 : 0;
+        lastRead = round;
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(text->value(), textFor(lastWritten));
+}
+
 // Callables run in order with the value; one appended during a trigger waits for the next;
 // reset forgets them all.
 TEST(ReportableTest, TriggerInOrderAndReset) {

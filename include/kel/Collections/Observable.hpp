@@ -13,16 +13,19 @@
 // afterwards drops the observers whose keep-alive object is gone. Observers run on the notifying
 // thread after the lock is released, so an observer may call next again (a nested notification).
 //
-// Thread rules: value may be read and next called from any thread. On the main thread value is
-// read without the lock, to keep main-thread readers fast; it is therefore a data race to call
-// next from another thread while the main thread reads value (or notifies): write from the main
-// thread, or hand the write to the main queue, when the main thread reads. Off the main thread,
-// reads copy the value under valueLock_. The observer list is not locked: onNext, keepAlive and
-// notification (next, triggerObservers) belong on one thread, the main thread in practice.
+// Thread rules: value may be read and next called from any thread. The value lives in an
+// immutable node behind an atomic pointer; writers publish a new node under valueLock_. The main
+// thread reads without the lock (an acquire load and a copy), to keep main-thread readers fast;
+// other threads copy the value under the lock. A node replaced on the main thread is freed at
+// once; one replaced elsewhere is retired and freed by the main thread at its next read or write
+// (when it cannot be inside a read), or by the destructor. The observer list is not locked:
+// onNext, keepAlive and notification (next, triggerObservers) belong on one thread, the main
+// thread in practice.
 // Ownership: shared (make it with Observable<Value>::make); the list owns the observers' tokens.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <concepts>
 #include <functional>
 #include <memory>
@@ -48,26 +51,36 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
         return std::make_shared<Observable>(Passkey{}, std::move(value));
     }
 
-    Observable(Passkey, Value value) : rawValue_(std::move(value)) {}
+    Observable(Passkey, Value value) : current_(makeNode(std::move(value), false)) {}
     Observable(const Observable&) = delete;
     Observable& operator=(const Observable&) = delete;
+
+    ~Observable() {
+        Node* current = current_.load(std::memory_order_relaxed);
+        current->nextRetired = retired_;
+        freeNodes(current);
+        if (spare_ != nullptr) {
+            NodeAllocator().deallocate(spare_, 1);
+        }
+    }
 
     // The current value: without the lock on the main thread, under it elsewhere.
     Value value() const {
         if (isMainThread()) {
-            return rawValue_;
+            if (hasRetired_.load(std::memory_order_relaxed)) [[unlikely]] {
+                freeRetiredNodes();
+            }
+            return current_.load(std::memory_order_acquire)->value;
         }
         std::lock_guard guard(valueLock_);
-        return rawValue_;
+        return current_.load(std::memory_order_relaxed)->value;
     }
 
     // Stores `value`, then notifies unless `quiet`. The replaced value is destroyed after the
-    // lock is released.
+    // lock is released: at once by a main-thread writer, else by the main thread's next read or
+    // write.
     void next(Value value, bool quiet = false) {
-        {
-            std::lock_guard guard(valueLock_);
-            std::swap(rawValue_, value);
-        }
+        store(std::move(value), [](const Value&, const Value&) { return true; });
         if (!quiet) {
             triggerObservers();
         }
@@ -77,12 +90,9 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
     // from the one it replaces. True if it differed.
     bool nextOnlyIfChanged(Value value,
                            bool onlyIfChanged) requires std::equality_comparable<Value> {
-        bool changed;
-        {
-            std::lock_guard guard(valueLock_);
-            changed = !(rawValue_ == value);
-            std::swap(rawValue_, value);
-        }
+        const bool changed = store(std::move(value), [](const Value& stored, const Value& fresh) {
+            return !(stored == fresh);
+        });
         if (!onlyIfChanged || changed) {
             triggerObservers();
         }
@@ -113,6 +123,89 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
     }
 
   private:
+    // One published value. Never changed once published; freed as the thread rules say.
+    struct Node {
+        explicit Node(Value&& nodeValue) : value(std::move(nodeValue)) {}
+        const Value value;
+        Node* nextRetired = nullptr;  // the retired list's link; guarded by valueLock_
+    };
+    using NodeAllocator = std::allocator<Node>;
+
+    // Publishes a node holding `value` and frees what this thread may free. Answers
+    // differs(replaced value, new value), computed under the lock.
+    template <class Differs>
+    bool store(Value&& value, Differs differs) {
+        const bool onMainThread = isMainThread();
+        Node* fresh = makeNode(std::move(value), onMainThread);
+        Node* freed = nullptr;
+        bool changed;
+        try {
+            std::lock_guard guard(valueLock_);
+            Node* replaced = current_.load(std::memory_order_relaxed);
+            changed = differs(replaced->value, fresh->value);
+            current_.store(fresh, std::memory_order_release);
+            if (onMainThread) {
+                replaced->nextRetired = std::exchange(retired_, nullptr);
+                hasRetired_.store(false, std::memory_order_relaxed);
+                freed = replaced;
+            } else {
+                replaced->nextRetired = retired_;
+                retired_ = replaced;
+                hasRetired_.store(true, std::memory_order_relaxed);
+            }
+        } catch (...) {
+            discardNode(fresh, onMainThread);
+            throw;
+        }
+        freeNodes(freed);
+        return changed;
+    }
+
+    // A node holding `value`; on the main thread it reuses the spare storage when there is one.
+    Node* makeNode(Value&& value, bool onMainThread) const {
+        Node* storage = onMainThread && spare_ != nullptr ? std::exchange(spare_, nullptr)
+                                                          : NodeAllocator().allocate(1);
+        try {
+            return std::construct_at(storage, std::move(value));
+        } catch (...) {
+            discardStorage(storage, onMainThread);
+            throw;
+        }
+    }
+
+    // Destroys `node`; the main thread keeps its storage as the spare when it has none.
+    void discardNode(Node* node, bool onMainThread) const {
+        std::destroy_at(node);
+        discardStorage(node, onMainThread);
+    }
+
+    // Frees node storage, or keeps it as the spare as discardNode says.
+    void discardStorage(Node* storage, bool onMainThread) const {
+        if (onMainThread && spare_ == nullptr) {
+            spare_ = storage;
+        } else {
+            NodeAllocator().deallocate(storage, 1);
+        }
+    }
+
+    // Destroys the nodes of `list`, linked through nextRetired. Main thread (or destructor) only.
+    void freeNodes(Node* list) const {
+        while (list != nullptr) {
+            discardNode(std::exchange(list, list->nextRetired), true);
+        }
+    }
+
+    // Frees the nodes other threads retired. Main thread only, never inside a read.
+    void freeRetiredNodes() const {
+        Node* retired;
+        {
+            std::lock_guard guard(valueLock_);
+            retired = std::exchange(retired_, nullptr);
+            hasRetired_.store(false, std::memory_order_relaxed);
+        }
+        freeNodes(retired);
+    }
+
     class Observer final : public Disposable {
       public:
         Observer(std::weak_ptr<void> keepAlive, Block observerBlock)
@@ -144,8 +237,17 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
         observers_ = std::move(living);
     }
 
-    Value rawValue_;  // guarded by valueLock_ (read without it on the main thread)
     mutable UnfairLock valueLock_{UnfairLock::Options::dataSynchronization};
+    // Written under valueLock_; read without it on the main thread (see the thread rules).
+    std::atomic<Node*> current_;
+    // Nodes replaced off the main thread, awaiting the main thread; guarded by valueLock_.
+    mutable Node* retired_ = nullptr;
+    // Whether retired_ is non-empty: lets a main-thread read skip the lock. Written under
+    // valueLock_.
+    mutable std::atomic<bool> hasRetired_ = false;
+    // Storage of a freed node kept for the next main-thread write; main thread (or destructor)
+    // only.
+    mutable Node* spare_ = nullptr;
     // The observers, shared with the notifications walking them; a registration made during a
     // walk copies the list first. Not locked: one thread (see the thread rules).
     std::shared_ptr<ObserverList> observers_ = std::make_shared<ObserverList>();
