@@ -21,7 +21,8 @@ void CallbackStore::add(std::uintptr_t type, const CallbackScope& scope,
     }
 }
 
-CallbackStore::List CallbackStore::lookup(std::uintptr_t type, const std::optional<std::string>& name) const {
+CallbackStore::List CallbackStore::lookup(std::uintptr_t type,
+                                          const std::optional<std::string>& name) const {
     List found;
     if (store_.empty()) {
         return found;
@@ -37,15 +38,15 @@ CallbackStore::List CallbackStore::lookup(std::uintptr_t type, const std::option
     return found;
 }
 
-void CallbackInstanceBridgedDefinition::registerInstance(const std::shared_ptr<CallbackStore>& store,
-                                                         const detail::AnyInstance&,
-                                                         const std::shared_ptr<Object>& object,
-                                                         const std::shared_ptr<Container>& privateContainer) {
+void CallbackInstanceBridgedDefinition::registerInstance(
+    const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance&,
+    const std::shared_ptr<Object>& object, const std::shared_ptr<Container>& privateContainer) {
     std::shared_ptr<Container> publicContainer = publicContainer_.lock();
     if (!object || !callbackRegistration_ || !publicContainer) {
         return;
     }
-    CallbackRegistration registration(store, callbackRegistration_, std::move(publicContainer), privateContainer);
+    CallbackRegistration registration(store, callbackRegistration_, std::move(publicContainer),
+                                      privateContainer);
     callbackRegistration_->registerCallbacksForInstance(object, registration);
 }
 

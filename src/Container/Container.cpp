@@ -13,10 +13,12 @@ const std::shared_ptr<Container>& Container::shared() {
     return container;
 }
 
-Container::Container(Private) : pool_(std::make_shared<Pool>()), callbackStore_(std::make_shared<CallbackStore>()) {}
+Container::Container(Private)
+    : pool_(std::make_shared<Pool>()), callbackStore_(std::make_shared<CallbackStore>()) {}
 
 Container::Container(Private, Environment environment,
-                     std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions, std::shared_ptr<Pool> pool,
+                     std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions,
+                     std::shared_ptr<Pool> pool,
                      std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
                      std::shared_ptr<CallbackStore> callbackStore)
     : environment(std::move(environment)),
@@ -26,8 +28,9 @@ Container::Container(Private, Environment environment,
       callbackStore_(std::move(callbackStore)) {}
 
 std::shared_ptr<Container> Container::privateContainer() {
-    return std::make_shared<Container>(Private{}, environment, std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>>{},
-                                       pool_, std::vector<std::shared_ptr<detail::DefinitionCore>>{}, callbackStore_);
+    return std::make_shared<Container>(
+        Private{}, environment, std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>>{},
+        pool_, std::vector<std::shared_ptr<detail::DefinitionCore>>{}, callbackStore_);
 }
 
 std::shared_ptr<Container> Container::currentObjectGraphContainer(ZFObjectGraphTrait trait) {
@@ -40,14 +43,17 @@ std::shared_ptr<Container> Container::currentObjectGraphContainer(ZFObjectGraphT
             pool = pool_->copy();
             break;
         default:
-            fatalError("unexpected ZFObjectGraphTrait value " + std::to_string(static_cast<long>(trait)));
+            fatalError("unexpected ZFObjectGraphTrait value " +
+                       std::to_string(static_cast<long>(trait)));
     }
-    auto container = std::make_shared<Container>(Private{}, environment, definitions_, pool, lazyDefinitions_, callbackStore_);
-    pool->addDrainCopyPoolGraphBlock([weakContainer = std::weak_ptr<Container>(container)](const std::shared_ptr<Pool>& copied) {
-        if (auto alive = weakContainer.lock()) {
-            alive->pool_ = copied;
-        }
-    });
+    auto container = std::make_shared<Container>(Private{}, environment, definitions_, pool,
+                                                 lazyDefinitions_, callbackStore_);
+    pool->addDrainCopyPoolGraphBlock(
+        [weakContainer = std::weak_ptr<Container>(container)](const std::shared_ptr<Pool>& copied) {
+            if (auto alive = weakContainer.lock()) {
+                alive->pool_ = copied;
+            }
+        });
     return container;
 }
 
@@ -80,25 +86,28 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
     if (pool->depth() == 0 && resolver.objc()) {
         Pool* linkedPool = pool.get();
         resolver.objc()->linkResolverWithLinkBlock([linkedPool](std::function<void()> drain) {
-            linkedPool->addDrainBlock(DrainAction::linking, [drain = std::move(drain)]() mutable { drain(); });
+            linkedPool->addDrainBlock(DrainAction::linking,
+                                      [drain = std::move(drain)]() mutable { drain(); });
         });
     }
     return pool->graphPass([&] { return scopedBuild(definition, resolver, context, *pool); });
 }
 
-detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::DefinitionCore>& definition,
-                                           const ProxyResolver& resolver, const std::shared_ptr<Context>& context,
-                                           Pool& pool) {
+detail::AnyInstance Container::scopedBuild(
+    const std::shared_ptr<detail::DefinitionCore>& definition, const ProxyResolver& resolver,
+    const std::shared_ptr<Context>& context, Pool& pool) {
     const Key& key = definition->key();
     const Scope scope = definition->scope();
     const PoolScope poolScope = scope == Scope::singleton ? PoolScope::singleton : PoolScope::graph;
     if (scope != Scope::none) {
-        if (const detail::AnyInstance* pooled = pool.get(key, poolScope); pooled != nullptr && pooled->type == key.addr) {
+        if (const detail::AnyInstance* pooled = pool.get(key, poolScope);
+            pooled != nullptr && pooled->type == key.addr) {
             return *pooled;
         }
     }
 
-    ProxyResolver buildResolver(resolver.objc(), resolver.publicResolver(), definition->privateContainer());
+    ProxyResolver buildResolver(resolver.objc(), resolver.publicResolver(),
+                                definition->privateContainer());
     pool.beginBuilding(key);
     struct EndBuilding {
         Pool& pool;
@@ -114,25 +123,30 @@ detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::Definit
     if (scope != Scope::none) {
         pool.set(key, poolScope, instance);
     }
-    pool.addDrainBlock(DrainAction::config, [self = shared_from_this(), definition, instance, buildResolver, context] {
-        self->configureAndFire(*definition, instance, buildResolver, context);
-    });
+    pool.addDrainBlock(DrainAction::config,
+                       [self = shared_from_this(), definition, instance, buildResolver, context] {
+                           self->configureAndFire(*definition, instance, buildResolver, context);
+                       });
     return instance;
 }
 
-void Container::configureAndFire(const detail::DefinitionCore& definition, const detail::AnyInstance& instance,
-                                 const ProxyResolver& buildResolver, const std::shared_ptr<Context>& context) {
+void Container::configureAndFire(const detail::DefinitionCore& definition,
+                                 const detail::AnyInstance& instance,
+                                 const ProxyResolver& buildResolver,
+                                 const std::shared_ptr<Context>& context) {
     if (const auto& configuration = definition.configuration()) {
         configuration->configure(instance, buildResolver);
     }
     fireCallbacks(*callbackStore_, definition, instance, buildResolver, context);
     if (context) {
-        fireCallbacks(*context->sharedCallbackStore(), definition, instance, buildResolver, context);
+        fireCallbacks(*context->sharedCallbackStore(), definition, instance, buildResolver,
+                      context);
     }
 }
 
 void Container::fireCallbacks(const CallbackStore& store, const detail::DefinitionCore& definition,
-                              const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
+                              const detail::AnyInstance& instance,
+                              const ProxyResolver& buildResolver,
                               const std::shared_ptr<Context>& context) {
     if (store.isEmpty()) {
         return;
@@ -146,21 +160,26 @@ void Container::fireCallbacks(const CallbackStore& store, const detail::Definiti
         if (isPreparedForLockingGraph()) {
             // Resolve within the graph being built, on both sides.
             std::shared_ptr<ZFResolver> objc =
-                buildResolver.objc() ? buildResolver.objc()->currentObjectGraphResolver(ZFObjectGraphTrait::shared)
-                                     : nullptr;
-            ProxyResolver resolver(std::move(objc),
-                                   buildResolver.publicResolver()->currentObjectGraphContainer(ZFObjectGraphTrait::shared),
-                                   privateContainer->currentObjectGraphContainer(ZFObjectGraphTrait::shared), context);
+                buildResolver.objc()
+                    ? buildResolver.objc()->currentObjectGraphResolver(ZFObjectGraphTrait::shared)
+                    : nullptr;
+            ProxyResolver resolver(
+                std::move(objc),
+                buildResolver.publicResolver()->currentObjectGraphContainer(
+                    ZFObjectGraphTrait::shared),
+                privateContainer->currentObjectGraphContainer(ZFObjectGraphTrait::shared), context);
             callback->fire(instance, resolver);
         } else {
-            ProxyResolver resolver(buildResolver.objc(), buildResolver.publicResolver(), std::move(privateContainer), context);
+            ProxyResolver resolver(buildResolver.objc(), buildResolver.publicResolver(),
+                                   std::move(privateContainer), context);
             callback->fire(instance, resolver);
         }
     }
 }
 
 const detail::DefinitionCore* Container::registration(const Key& key) const {
-    for (auto definition = lazyDefinitions_.rbegin(); definition != lazyDefinitions_.rend(); ++definition) {
+    for (auto definition = lazyDefinitions_.rbegin(); definition != lazyDefinitions_.rend();
+         ++definition) {
         if ((*definition)->key() == key) {
             return definition->get();
         }
@@ -172,7 +191,8 @@ const detail::DefinitionCore* Container::registration(const Key& key) const {
 std::vector<std::optional<std::string>> Container::registeredNames(std::uintptr_t type) const {
     std::vector<std::optional<std::string>> names;
     auto note = [&](const Key& key) {
-        if (key.addr == type && std::find(names.begin(), names.end(), key.namespace_) == names.end()) {
+        if (key.addr == type &&
+            std::find(names.begin(), names.end(), key.namespace_) == names.end()) {
             names.push_back(key.namespace_);
         }
     };

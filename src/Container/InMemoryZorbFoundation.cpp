@@ -19,12 +19,14 @@ void ZFInMemoryContext::setObject(const std::string& key, const std::optional<st
     objects_.insert_or_assign({key, name}, std::move(object));
 }
 
-std::shared_ptr<Object> ZFInMemoryContext::object(const std::string& key, const std::optional<std::string>& name) const {
+std::shared_ptr<Object> ZFInMemoryContext::object(const std::string& key,
+                                                  const std::optional<std::string>& name) const {
     auto found = objects_.find({key, name});
     return found == objects_.end() ? nullptr : found->second;
 }
 
-std::shared_ptr<ZFContext> ZFInMemoryContext::mergeWithContext(const std::shared_ptr<ZFContext>& other) {
+std::shared_ptr<ZFContext> ZFInMemoryContext::mergeWithContext(
+    const std::shared_ptr<ZFContext>& other) {
     std::shared_ptr<ZFInMemoryContext> merged = make();
     if (auto* older = dynamic_cast<ZFInMemoryContext*>(other.get())) {
         merged->objects_ = older->objects_;
@@ -35,8 +37,8 @@ std::shared_ptr<ZFContext> ZFInMemoryContext::mergeWithContext(const std::shared
     return merged;
 }
 
-void ZFInMemoryCallbackRegistration::registerCallbacksForInstance(const std::shared_ptr<Object>& instance,
-                                                                  CallbackRegistrationType& registration) {
+void ZFInMemoryCallbackRegistration::registerCallbacksForInstance(
+    const std::shared_ptr<Object>& instance, CallbackRegistrationType& registration) {
     for (const Hook& hook : hooks_) {
         hook(instance, registration);
     }
@@ -48,7 +50,8 @@ class ZFInMemoryRegistry::Definition final : public ZFDefinition {
 
     void inScope(long value) override {
         if (value < 0 || value > 2) {
-            throw Exception("ZFInvalidScopeException", "scope " + std::to_string(value) + " is not 0, 1 or 2");
+            throw Exception("ZFInvalidScopeException",
+                            "scope " + std::to_string(value) + " is not 0, 1 or 2");
         }
         scope = value;
     }
@@ -61,7 +64,8 @@ class ZFInMemoryRegistry::Definition final : public ZFDefinition {
     bool overridable = true;
 };
 
-ZFInMemoryRegistry::ZFInMemoryRegistry() : callbackRegistration_(ZFInMemoryCallbackRegistration::make()) {}
+ZFInMemoryRegistry::ZFInMemoryRegistry()
+    : callbackRegistration_(ZFInMemoryCallbackRegistration::make()) {}
 
 std::shared_ptr<ZFInMemoryRegistry> ZFInMemoryRegistry::make() {
     return std::shared_ptr<ZFInMemoryRegistry>(new ZFInMemoryRegistry());
@@ -72,24 +76,27 @@ std::shared_ptr<ZFCallbackRegistration> ZFInMemoryRegistry::callback() {
     return callbackRegistration_;
 }
 
-std::shared_ptr<ZFRegistrationContainer> ZFInMemoryRegistry::publicContainer() { return shared_from_this(); }
+std::shared_ptr<ZFRegistrationContainer> ZFInMemoryRegistry::publicContainer() {
+    return shared_from_this();
+}
 
-std::shared_ptr<ZFDefinition> ZFInMemoryRegistry::unsafeRegisterForKey(const std::string& key,
-                                                                       const std::optional<std::string>& name,
-                                                                       Factory factory) {
+std::shared_ptr<ZFDefinition> ZFInMemoryRegistry::unsafeRegisterForKey(
+    const std::string& key, const std::optional<std::string>& name, Factory factory) {
     Slot slot{key, name};
-    if (auto existing = definitions_.find(slot); existing != definitions_.end() && !existing->second->overridable) {
-        throw Exception("ZFRegistrationException",
-                        "the registration for key " + describeSlot(key, name) + " cannot be overridden");
+    if (auto existing = definitions_.find(slot);
+        existing != definitions_.end() && !existing->second->overridable) {
+        throw Exception(
+            "ZFRegistrationException",
+            "the registration for key " + describeSlot(key, name) + " cannot be overridden");
     }
     auto definition = std::make_shared<Definition>(std::move(factory));
     definitions_.insert_or_assign(std::move(slot), definition);
     return definition;
 }
 
-std::shared_ptr<Object> ZFInMemoryRegistry::unsafeResolveForKey(const std::string& key,
-                                                                const std::optional<std::string>& name,
-                                                                const std::shared_ptr<ZFContext>& context) {
+std::shared_ptr<Object> ZFInMemoryRegistry::unsafeResolveForKey(
+    const std::string& key, const std::optional<std::string>& name,
+    const std::shared_ptr<ZFContext>& context) {
     Slot slot{key, name};
     if (auto* overrides = dynamic_cast<ZFInMemoryContext*>(context.get())) {
         if (auto object = overrides->object(key, name)) {
@@ -108,8 +115,8 @@ std::shared_ptr<Object> ZFInMemoryRegistry::unsafeResolveForKey(const std::strin
         }
     }
     if (building_.contains(slot)) {
-        throw Exception("ZFCircularDependencyException", "the factory for key " + describeSlot(key, name) +
-                                                             " resolves itself");
+        throw Exception("ZFCircularDependencyException",
+                        "the factory for key " + describeSlot(key, name) + " resolves itself");
     }
 
     struct Pass {

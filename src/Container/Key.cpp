@@ -17,15 +17,16 @@ const char* internTypeName(const char* mangledName) {
     // function in the library, so equal names give the same interned pointer. Guarded by its own
     // mutex; each shared object asks once per type.
     static std::mutex mutex;
-    static auto* names = new std::unordered_set<std::string>();  // never destroyed: words outlive statics
+    static auto* names =
+        new std::unordered_set<std::string>();  // never destroyed: words outlive statics
     std::lock_guard<std::mutex> lock(mutex);
     return names->emplace(mangledName).first->c_str();
 }
 
 std::string demangle(const char* mangledName) {
     int status = 0;
-    std::unique_ptr<char, void (*)(void*)> readable(abi::__cxa_demangle(mangledName, nullptr, nullptr, &status),
-                                                    std::free);
+    std::unique_ptr<char, void (*)(void*)> readable(
+        abi::__cxa_demangle(mangledName, nullptr, nullptr, &status), std::free);
     return status == 0 && readable ? std::string(readable.get()) : std::string(mangledName);
 }
 

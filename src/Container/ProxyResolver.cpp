@@ -9,25 +9,32 @@
 
 namespace kel {
 
-ProxyResolver::ProxyResolver(std::shared_ptr<ZFResolver> objcResolver, std::shared_ptr<Container> publicResolver,
-                             std::shared_ptr<Container> privateResolver, std::shared_ptr<Context> context)
+ProxyResolver::ProxyResolver(std::shared_ptr<ZFResolver> objcResolver,
+                             std::shared_ptr<Container> publicResolver,
+                             std::shared_ptr<Container> privateResolver,
+                             std::shared_ptr<Context> context)
     : objc_(std::move(objcResolver)),
       publicResolver_(std::move(publicResolver)),
-      privateResolver_(privateResolver ? std::move(privateResolver) : publicResolver_->privateContainer()),
+      privateResolver_(privateResolver ? std::move(privateResolver)
+                                       : publicResolver_->privateContainer()),
       context_(std::move(context)) {}
 
-std::shared_ptr<ResolverType> ProxyResolver::currentObjectGraphResolver(ZFObjectGraphTrait trait) const {
+std::shared_ptr<ResolverType> ProxyResolver::currentObjectGraphResolver(
+    ZFObjectGraphTrait trait) const {
     std::shared_ptr<ZFResolver> objc = objc_ ? objc_->currentObjectGraphResolver(trait) : nullptr;
-    return std::make_shared<ProxyResolver>(std::move(objc), publicResolver_->currentObjectGraphContainer(trait),
-                                           privateResolver_->currentObjectGraphContainer(trait), context_);
+    return std::make_shared<ProxyResolver>(
+        std::move(objc), publicResolver_->currentObjectGraphContainer(trait),
+        privateResolver_->currentObjectGraphContainer(trait), context_);
 }
 
-detail::AnyInstance ProxyResolver::resolveInstance(const Key& key, const detail::ClassForm* classForm,
+detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
+                                                   const detail::ClassForm* classForm,
                                                    const detail::ContextBlock* block) const {
     std::shared_ptr<Context> fresh;
     if (block != nullptr) {
-        fresh = std::make_shared<Context>(context_ ? context_->sharedCallbackStore() : std::make_shared<CallbackStore>(),
-                                          publicResolver_, privateResolver_);
+        fresh = std::make_shared<Context>(
+            context_ ? context_->sharedCallbackStore() : std::make_shared<CallbackStore>(),
+            publicResolver_, privateResolver_);
         (*block)(*fresh);
     }
     // The context to resolve with; the merge runs before each container is asked.
@@ -38,7 +45,8 @@ detail::AnyInstance ProxyResolver::resolveInstance(const Key& key, const detail:
         if (context_) {
             fresh->mergeObjects(*context_);
             std::shared_ptr<ZFContext> bridged = fresh->bridgedContext();
-            fresh->setBridgedContext(bridged ? bridged->mergeWithContext(context_->bridgedContext()) : nullptr);
+            fresh->setBridgedContext(bridged ? bridged->mergeWithContext(context_->bridgedContext())
+                                             : nullptr);
         }
         return fresh;
     };
@@ -63,7 +71,8 @@ detail::AnyInstance ProxyResolver::resolveInstance(const Key& key, const detail:
         },
         &error);
     if (!returned) {
-        Log::write(LogLevel::error, "Failed to resolve from objc resolver, error=%{public}@", std::string(error.what()));
+        Log::write(LogLevel::error, "Failed to resolve from objc resolver, error=%{public}@",
+                   std::string(error.what()));
         return {};
     }
     if (!answer) {
@@ -113,15 +122,19 @@ std::string ProxyResolver::explainKey(const Key& key, const detail::ClassForm* c
     char word[32];
     std::snprintf(word, sizeof word, "%#zx", static_cast<std::size_t>(key.addr));
     text << "resolving " << key.description() << "\n";
-    text << "  key: type word " << word << ", " << (key.namespace_ ? "name \"" + *key.namespace_ + "\"" : "no name")
-         << "\n";
+    text << "  key: type word " << word << ", "
+         << (key.namespace_ ? "name \"" + *key.namespace_ + "\"" : "no name") << "\n";
     int step = 1;
     if (context_) {
         text << "  " << step++ << ". context: "
-             << (context_->object(key) != nullptr ? "overrides this key" : "no override for this key") << "\n";
+             << (context_->object(key) != nullptr ? "overrides this key"
+                                                  : "no override for this key")
+             << "\n";
     }
-    text << "  " << step++ << ". public container: " << describeRegistration(*publicResolver_, key) << "\n";
-    text << "  " << step++ << ". private container: " << describeRegistration(*privateResolver_, key) << "\n";
+    text << "  " << step++ << ". public container: " << describeRegistration(*publicResolver_, key)
+         << "\n";
+    text << "  " << step++
+         << ". private container: " << describeRegistration(*privateResolver_, key) << "\n";
     text << "  " << step << ". bridged resolver: ";
     if (classForm == nullptr) {
         text << "not asked (not a class type)\n";
@@ -132,7 +145,8 @@ std::string ProxyResolver::explainKey(const Key& key, const detail::ClassForm* c
     }
     text << "  other registrations of this type: public container: "
          << describeNames(publicResolver_->registeredNames(key.addr), key)
-         << "; private container: " << describeNames(privateResolver_->registeredNames(key.addr), key) << "\n";
+         << "; private container: "
+         << describeNames(privateResolver_->registeredNames(key.addr), key) << "\n";
     return text.str();
 }
 

@@ -35,7 +35,9 @@ struct ContainerWorld {
     ProxyContainer module{registry, container};
     ProxyResolver resolver{registry, container, module.private_->publicContainer()};
 
-    const std::shared_ptr<Container>& privateContainer() const { return module.private_->publicContainer(); }
+    const std::shared_ptr<Container>& privateContainer() const {
+        return module.private_->publicContainer();
+    }
 };
 
 }  // namespace kel::testing

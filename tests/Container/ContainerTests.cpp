@@ -20,24 +20,29 @@ TEST(ContainerKey, TypeAndNameFormTheKey) {
     EXPECT_EQ(toKey<int>("a"), toKey<int>(std::string("a")));
     EXPECT_EQ(std::hash<Key>{}(toKey<int>("a")), std::hash<Key>{}(toKey<int>("a")));
     EXPECT_EQ(std::hash<Key>{}(toKey<int>()), std::hash<std::uintptr_t>{}(toKey<int>().addr));
-    EXPECT_EQ(toKey<ServicePtr>("x").description(), "std::shared_ptr<kel::testing::Service> (name: \"x\")");
+    EXPECT_EQ(toKey<ServicePtr>("x").description(),
+              "std::shared_ptr<kel::testing::Service> (name: \"x\")");
 }
 
 TEST(ContainerRegistration, LastRegistrationWinsAndLateOnesAreIndexedAtTheNextResolution) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>([](const ResolverType&) { return std::string("first"); });
-    world.module.public_->register_<std::string>([](const ResolverType&) { return std::string("second"); });
+    world.module.public_->register_<std::string>(
+        [](const ResolverType&) { return std::string("first"); });
+    world.module.public_->register_<std::string>(
+        [](const ResolverType&) { return std::string("second"); });
     EXPECT_EQ(world.resolver.resolve<std::string>(), "second");
     EXPECT_EQ(world.resolver.resolve<std::string>("named"), std::nullopt);
 
-    world.module.public_->register_<std::string>("named", [](const ResolverType&) { return std::string("late"); });
+    world.module.public_->register_<std::string>(
+        "named", [](const ResolverType&) { return std::string("late"); });
     EXPECT_EQ(world.resolver.resolve<std::string>("named"), "late");
     EXPECT_EQ(world.resolver.resolve<int>(), std::nullopt);
 }
 
 TEST(ContainerScopes, GraphInstancesAreSharedWithinOneOutermostResolutionOnly) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); });
+    world.module.public_->register_<ServicePtr>(
+        [](const ResolverType&) { return std::make_shared<Service>(); });
     std::vector<ServicePtr> seen;
     world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
         seen.push_back(*r.resolve<ServicePtr>());
@@ -56,25 +61,31 @@ TEST(ContainerScopes, GraphInstancesAreSharedWithinOneOutermostResolutionOnly) {
 TEST(ContainerScopes, SingletonsAreSharedThroughDerivedContainersAndNoneBuildsEveryTime) {
     ContainerWorld world;
     int built = 0;
-    world.module.public_->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); })
+    world.module.public_
+        ->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); })
         .inScope(Scope::singleton);
-    world.module.public_->register_<int>([&](const ResolverType&) { return ++built; }).inScope(Scope::none);
+    world.module.public_->register_<int>([&](const ResolverType&) { return ++built; })
+        .inScope(Scope::none);
 
     ServicePtr first = *world.resolver.resolve<ServicePtr>();
     EXPECT_EQ(*world.resolver.resolve<ServicePtr>(), first);
-    ProxyResolver derived(world.registry, world.container->currentObjectGraphContainer(ZFObjectGraphTrait::copied),
+    ProxyResolver derived(world.registry,
+                          world.container->currentObjectGraphContainer(ZFObjectGraphTrait::copied),
                           world.container->privateContainer());
     EXPECT_EQ(*derived.resolve<ServicePtr>(), first);
-    ProxyResolver throughShared(world.registry, world.container->currentObjectGraphContainer(ZFObjectGraphTrait::shared));
+    ProxyResolver throughShared(
+        world.registry, world.container->currentObjectGraphContainer(ZFObjectGraphTrait::shared));
     EXPECT_EQ(*throughShared.resolve<ServicePtr>(), first);
 
     auto privateContainer = world.container->privateContainer();
-    privateContainer->register_<std::shared_ptr<Other>>(std::nullopt, privateContainer, nullptr,
-                                                        [](const ResolverType&) { return std::make_shared<Other>(); });
+    privateContainer->register_<std::shared_ptr<Other>>(
+        std::nullopt, privateContainer, nullptr,
+        [](const ResolverType&) { return std::make_shared<Other>(); });
     // Another definition of the same key in a private container finds the pooled singleton.
-    privateContainer->register_<ServicePtr>(std::nullopt, privateContainer, nullptr, [](const ResolverType&) {
-        return std::make_shared<Service>();
-    }).inScope(Scope::singleton);
+    privateContainer
+        ->register_<ServicePtr>(std::nullopt, privateContainer, nullptr,
+                                [](const ResolverType&) { return std::make_shared<Service>(); })
+        .inScope(Scope::singleton);
     ProxyResolver privateOnly(world.registry, privateContainer, privateContainer);
     EXPECT_EQ(*privateOnly.resolve<ServicePtr>(), first);
     EXPECT_TRUE(privateOnly.resolve<std::shared_ptr<Other>>());
@@ -87,31 +98,45 @@ TEST(ContainerScopes, SingletonsAreSharedThroughDerivedContainersAndNoneBuildsEv
 TEST(ContainerConfiguration, RunsOncePerBuiltInstanceAfterTheOutermostFactory) {
     ContainerWorld world;
     std::vector<std::string> events;
-    world.module.public_->register_<ServicePtr>([&](const ResolverType&) {
-        events.push_back("build service");
-        return std::make_shared<Service>();
-    })
-        .thenConfigure([&](ServicePtr, const ResolverType&) { events.push_back("first configuration"); })
-        .thenConfigure([&](ServicePtr, const ResolverType&) { events.push_back("configure service"); });
-    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
-        r.resolve<ServicePtr>();
-        r.resolve<ServicePtr>();
-        events.push_back("build dependency");
-        return std::make_shared<Dependency>();
-    })
-        .thenConfigure([&](std::shared_ptr<Dependency>, const ResolverType&) { events.push_back("configure dependency"); });
+    world.module.public_
+        ->register_<ServicePtr>([&](const ResolverType&) {
+            events.push_back("build service");
+            return std::make_shared<Service>();
+        })
+        .thenConfigure(
+            [&](ServicePtr, const ResolverType&) { events.push_back("first configuration"); })
+        .thenConfigure(
+            [&](ServicePtr, const ResolverType&) { events.push_back("configure service"); });
+    world.module.public_
+        ->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+            r.resolve<ServicePtr>();
+            r.resolve<ServicePtr>();
+            events.push_back("build dependency");
+            return std::make_shared<Dependency>();
+        })
+        .thenConfigure([&](std::shared_ptr<Dependency>, const ResolverType&) {
+            events.push_back("configure dependency");
+        });
 
     world.resolver.resolve<std::shared_ptr<Dependency>>();
-    EXPECT_EQ(events, (std::vector<std::string>{"build service", "build dependency", "configure dependency",
-                                                "configure service"}));
+    EXPECT_EQ(events, (std::vector<std::string>{"build service", "build dependency",
+                                                "configure dependency", "configure service"}));
 }
 
 TEST(ContainerConfiguration, TwoGraphObjectsAreConfiguredWithEachOther) {
     ContainerWorld world;
-    world.module.public_->register_<std::shared_ptr<Left>>([](const ResolverType&) { return std::make_shared<Left>(); })
-        .thenConfigure([](std::shared_ptr<Left> left, const ResolverType& r) { left->right = *r.resolve<std::shared_ptr<Right>>(); });
-    world.module.public_->register_<std::shared_ptr<Right>>([](const ResolverType&) { return std::make_shared<Right>(); })
-        .thenConfigure([](std::shared_ptr<Right> right, const ResolverType& r) { right->left = *r.resolve<std::shared_ptr<Left>>(); });
+    world.module.public_
+        ->register_<std::shared_ptr<Left>>(
+            [](const ResolverType&) { return std::make_shared<Left>(); })
+        .thenConfigure([](std::shared_ptr<Left> left, const ResolverType& r) {
+            left->right = *r.resolve<std::shared_ptr<Right>>();
+        });
+    world.module.public_
+        ->register_<std::shared_ptr<Right>>(
+            [](const ResolverType&) { return std::make_shared<Right>(); })
+        .thenConfigure([](std::shared_ptr<Right> right, const ResolverType& r) {
+            right->left = *r.resolve<std::shared_ptr<Left>>();
+        });
 
     auto left = *world.resolver.resolve<std::shared_ptr<Left>>();
     ASSERT_TRUE(left->right);
@@ -121,8 +146,11 @@ TEST(ContainerConfiguration, TwoGraphObjectsAreConfiguredWithEachOther) {
 TEST(ContainerConfiguration, CastsToTheRequestedClass) {
     ContainerWorld world;
     std::shared_ptr<Object> configured;
-    world.module.public_->register_<std::shared_ptr<Object>>([](const ResolverType&) { return std::make_shared<Service>("x"); })
-        .thenConfigure<ServicePtr>([&](ServicePtr service, const ResolverType&) { configured = service; });
+    world.module.public_
+        ->register_<std::shared_ptr<Object>>(
+            [](const ResolverType&) { return std::make_shared<Service>("x"); })
+        .thenConfigure<ServicePtr>(
+            [&](ServicePtr service, const ResolverType&) { configured = service; });
     auto resolved = world.resolver.resolve<std::shared_ptr<Object>>();
     EXPECT_EQ(configured, *resolved);
 }
@@ -143,13 +171,14 @@ TEST(ContainerPool, DrainRunsConfigBlocksFirstLinkingLastAndBlocksAddedWhileDrai
         EXPECT_TRUE(order.empty());
         return 0;
     });
-    EXPECT_EQ(order, (std::vector<std::string>{"config 2", "config 1", "link 1", "link 2", "added config",
-                                               "added link"}));
+    EXPECT_EQ(order, (std::vector<std::string>{"config 2", "config 1", "link 1", "link 2",
+                                               "added config", "added link"}));
 }
 
 TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); });
+    world.module.public_->register_<ServicePtr>(
+        [](const ResolverType&) { return std::make_shared<Service>(); });
     std::shared_ptr<Container> kept;
     std::shared_ptr<Container> copied;
     world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
@@ -181,13 +210,16 @@ TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
 
 TEST(ContainerEnvironment, PicksTheTestingFactoryOfASingleSuiteMember) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>([](const ResolverType&) { return std::string("normal"); })
+    world.module.public_
+        ->register_<std::string>([](const ResolverType&) { return std::string("normal"); })
         .whenTesting({Container::TestSuite::performance, Container::TestSuite::automation},
                      [](const ResolverType&) { return std::string("testing"); });
     EXPECT_EQ(world.resolver.resolve<std::string>(), "normal");
-    world.container->environment = Container::Environment::testing(Container::TestSuite::performance);
+    world.container->environment =
+        Container::Environment::testing(Container::TestSuite::performance);
     EXPECT_EQ(world.resolver.resolve<std::string>(), "testing");
-    world.container->environment = Container::Environment::testing(Container::TestSuite::automation);
+    world.container->environment =
+        Container::Environment::testing(Container::TestSuite::automation);
     EXPECT_EQ(world.resolver.resolve<std::string>(), "testing");
     world.container->environment = Container::Environment::testing(Container::TestSuite::all);
     EXPECT_EQ(world.resolver.resolve<std::string>(), "normal");
@@ -203,10 +235,13 @@ using ContainerDeathTest = ::testing::Test;
 
 TEST_F(ContainerDeathTest, FailedConfigurationCastNamesBothTypes) {
     ContainerWorld world;
-    world.module.public_->register_<std::shared_ptr<Object>>([](const ResolverType&) { return std::make_shared<Other>(); })
+    world.module.public_
+        ->register_<std::shared_ptr<Object>>(
+            [](const ResolverType&) { return std::make_shared<Other>(); })
         .thenConfigure<ServicePtr>([](ServicePtr, const ResolverType&) {});
     EXPECT_DEATH(world.resolver.resolve<std::shared_ptr<Object>>(),
-                 "provided input cannot be cast\\. inputType=kel::testing::Other, castType=kel::testing::Service");
+                 "provided input cannot be cast\\. inputType=kel::testing::Other, "
+                 "castType=kel::testing::Service");
 }
 
 TEST_F(ContainerDeathTest, FactoryCycleNamesTheChainOfKeys) {
@@ -219,9 +254,10 @@ TEST_F(ContainerDeathTest, FactoryCycleNamesTheChainOfKeys) {
         r.resolve<ServicePtr>();
         return std::make_shared<Dependency>();
     });
-    EXPECT_DEATH(world.resolver.resolve<ServicePtr>(),
-                 "factory cycle while resolving: std::shared_ptr<kel::testing::Service> -> "
-                 "std::shared_ptr<kel::testing::Dependency> -> std::shared_ptr<kel::testing::Service>");
+    EXPECT_DEATH(
+        world.resolver.resolve<ServicePtr>(),
+        "factory cycle while resolving: std::shared_ptr<kel::testing::Service> -> "
+        "std::shared_ptr<kel::testing::Dependency> -> std::shared_ptr<kel::testing::Service>");
 }
 
 TEST_F(ContainerDeathTest, PoolDepthBelowZeroAndUnexpectedTraitStopTheProcess) {

@@ -7,7 +7,8 @@
 // for an unnamed U first, then those for U under the resolved name, each in registration order.
 //
 //     definition->whenResolving<std::shared_ptr<Plugin>>(kel::CallbackScope::any(),
-//         [](std::shared_ptr<Host> host, std::shared_ptr<Plugin> plugin, const kel::ResolverType&) {
+//         [](std::shared_ptr<Host> host, std::shared_ptr<Plugin> plugin, const kel::ResolverType&)
+//         {
 //             host->attach(plugin);
 //         });
 //
@@ -45,7 +46,9 @@ class CallbackScope {
     enum class Kind { name, names, any };
 
     // Resolutions of U under exactly this name.
-    static CallbackScope name(std::string name) { return CallbackScope(Kind::name, {std::move(name)}); }
+    static CallbackScope name(std::string name) {
+        return CallbackScope(Kind::name, {std::move(name)});
+    }
     // Resolutions of U under any of these names.
     static CallbackScope names(std::vector<std::string> names) {
         return CallbackScope(Kind::names, std::move(names));
@@ -59,7 +62,8 @@ class CallbackScope {
     friend bool operator==(const CallbackScope&, const CallbackScope&) = default;
 
   private:
-    CallbackScope(Kind kind, std::vector<std::string> names) : kind_(kind), names_(std::move(names)) {}
+    CallbackScope(Kind kind, std::vector<std::string> names)
+        : kind_(kind), names_(std::move(names)) {}
 
     Kind kind_;
     std::vector<std::string> names_;
@@ -87,7 +91,9 @@ class CallbackDefinition final : public CallbackDefinitionType {
             callback_(instance.as<T>(), resolver);
         }
     }
-    std::shared_ptr<Container> privateContainer() const override { return privateContainer_.lock(); }
+    std::shared_ptr<Container> privateContainer() const override {
+        return privateContainer_.lock();
+    }
 
   private:
     Callback callback_;
@@ -100,7 +106,8 @@ class CallbackStore {
     using List = std::vector<std::shared_ptr<CallbackDefinitionType>>;
 
     // Appends under (U, n) for name(n), under (U, each name) for names, under (U, none) for any.
-    void add(std::uintptr_t type, const CallbackScope& scope, std::shared_ptr<CallbackDefinitionType> definition);
+    void add(std::uintptr_t type, const CallbackScope& scope,
+             std::shared_ptr<CallbackDefinitionType> definition);
     template <class U>
     void add(const CallbackScope& scope, std::shared_ptr<CallbackDefinitionType> definition) {
         add(detail::typeWord<U>(), scope, std::move(definition));
@@ -122,15 +129,18 @@ class CallbackRegistrationType {
     virtual ~CallbackRegistrationType() = default;
 
     template <class U, class Owner, class F>
-    requires std::invocable<F&, std::shared_ptr<Owner>, U, const ResolverType&>
-    void whenResolving(const CallbackScope& scope, const std::shared_ptr<Owner>& owner, F callback) {
+    requires std::invocable < F&, std::shared_ptr<Owner>, U,
+    const ResolverType& > void whenResolving(const CallbackScope& scope,
+                                             const std::shared_ptr<Owner>& owner, F callback) {
         std::weak_ptr<Owner> weakOwner = owner;
-        auto wrapped = [weakOwner, callback = std::move(callback)](U resolved, const ResolverType& resolver) mutable {
+        auto wrapped = [weakOwner, callback = std::move(callback)](
+                           U resolved, const ResolverType& resolver) mutable {
             if (auto alive = weakOwner.lock()) {
                 callback(std::move(alive), std::move(resolved), resolver);
             }
         };
-        callbackStore().add<U>(scope, std::make_shared<CallbackDefinition<U>>(std::move(wrapped), callbackContainer()));
+        callbackStore().add<U>(scope, std::make_shared<CallbackDefinition<U>>(std::move(wrapped),
+                                                                              callbackContainer()));
     }
 
   protected:
@@ -143,7 +153,8 @@ class CallbackRegistration final : public CallbackRegistrationType {
   public:
     CallbackRegistration(std::shared_ptr<CallbackStore> callbackStore,
                          std::shared_ptr<ZFCallbackRegistration> callbackRegistration,
-                         std::shared_ptr<Container> publicContainer, std::shared_ptr<Container> privateContainer)
+                         std::shared_ptr<Container> publicContainer,
+                         std::shared_ptr<Container> privateContainer)
         : callbackStore_(std::move(callbackStore)),
           callbackRegistration_(std::move(callbackRegistration)),
           publicContainer_(std::move(publicContainer)),
@@ -153,7 +164,9 @@ class CallbackRegistration final : public CallbackRegistrationType {
         return callbackRegistration_;
     }
     const std::shared_ptr<Container>& publicContainer() const noexcept { return publicContainer_; }
-    const std::shared_ptr<Container>& privateContainer() const noexcept { return privateContainer_; }
+    const std::shared_ptr<Container>& privateContainer() const noexcept {
+        return privateContainer_;
+    }
 
   protected:
     CallbackStore& callbackStore() override { return *callbackStore_; }
@@ -171,7 +184,8 @@ class CallbackInstanceDefinitionType {
   public:
     virtual ~CallbackInstanceDefinitionType() = default;
     // `object` is the instance as a class object, null when the registered type is not one.
-    virtual void registerInstance(const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance,
+    virtual void registerInstance(const std::shared_ptr<CallbackStore>& store,
+                                  const detail::AnyInstance& instance,
                                   const std::shared_ptr<Object>& object,
                                   const std::shared_ptr<Container>& privateContainer) = 0;
 };
@@ -179,7 +193,8 @@ class CallbackInstanceDefinitionType {
 // whenResolving(U, scope, castAs: V, callback) of a Definition<T>, T a shared pointer to a class.
 template <class T, class U, class V>
 class CallbackInstanceDefinition final : public CallbackInstanceDefinitionType {
-    static_assert(detail::IsSharedPointer<T>::value, "callbacks hold their registering instance weakly");
+    static_assert(detail::IsSharedPointer<T>::value,
+                  "callbacks hold their registering instance weakly");
     using Element = typename detail::IsSharedPointer<T>::Element;
 
   public:
@@ -188,8 +203,9 @@ class CallbackInstanceDefinition final : public CallbackInstanceDefinitionType {
     CallbackInstanceDefinition(Wrapper wrapper, CallbackScope scope)
         : wrapper_(std::move(wrapper)), scope_(std::move(scope)) {}
 
-    void registerInstance(const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance,
-                          const std::shared_ptr<Object>&, const std::shared_ptr<Container>& privateContainer) override {
+    void registerInstance(const std::shared_ptr<CallbackStore>& store,
+                          const detail::AnyInstance& instance, const std::shared_ptr<Object>&,
+                          const std::shared_ptr<Container>& privateContainer) override {
         if (!instance.is<T>()) {
             return;
         }
@@ -203,12 +219,14 @@ class CallbackInstanceDefinition final : public CallbackInstanceDefinitionType {
             return;
         }
         std::weak_ptr<V> weakRegistering = registering;
-        auto callback = [weakRegistering, wrapper = wrapper_](U resolved, const ResolverType& resolver) {
+        auto callback = [weakRegistering, wrapper = wrapper_](U resolved,
+                                                              const ResolverType& resolver) {
             if (auto alive = weakRegistering.lock()) {
                 wrapper(std::move(alive), std::move(resolved), resolver);
             }
         };
-        store->add<U>(scope_, std::make_shared<CallbackDefinition<U>>(std::move(callback), privateContainer));
+        store->add<U>(
+            scope_, std::make_shared<CallbackDefinition<U>>(std::move(callback), privateContainer));
     }
 
   private:
@@ -223,9 +241,11 @@ class CallbackInstanceBridgedDefinition final : public CallbackInstanceDefinitio
   public:
     CallbackInstanceBridgedDefinition(std::weak_ptr<Container> publicContainer,
                                       std::shared_ptr<ZFCallbackRegistration> callbackRegistration)
-        : publicContainer_(std::move(publicContainer)), callbackRegistration_(std::move(callbackRegistration)) {}
+        : publicContainer_(std::move(publicContainer)),
+          callbackRegistration_(std::move(callbackRegistration)) {}
 
-    void registerInstance(const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance,
+    void registerInstance(const std::shared_ptr<CallbackStore>& store,
+                          const detail::AnyInstance& instance,
                           const std::shared_ptr<Object>& object,
                           const std::shared_ptr<Container>& privateContainer) override;
 

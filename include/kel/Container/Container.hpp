@@ -58,12 +58,13 @@ class Container : public std::enable_shared_from_this<Container> {
     // Registers `factory` for T under `name`; its instances resolve their dependencies through
     // `privateContainer`. Nothing is checked now.
     template <class T, class F>
-    requires std::invocable<F&, const ResolverType&>
-    Definition<T>& register_(std::optional<std::string_view> name, const std::shared_ptr<Container>& privateContainer,
-                             std::shared_ptr<ZFCallbackRegistration> callbackRegistration, F factory) {
-        auto definition = std::make_shared<Definition<T>>(name, privateContainer, privateContainer.get() == this,
-                                                          std::move(callbackRegistration),
-                                                          typename Definition<T>::Factory(std::move(factory)));
+    requires std::invocable<F&, const ResolverType&> Definition<T>
+    &register_(std::optional<std::string_view> name,
+               const std::shared_ptr<Container>& privateContainer,
+               std::shared_ptr<ZFCallbackRegistration> callbackRegistration, F factory) {
+        auto definition = std::make_shared<Definition<T>>(
+            name, privateContainer, privateContainer.get() == this, std::move(callbackRegistration),
+            typename Definition<T>::Factory(std::move(factory)));
         Definition<T>& result = *definition;
         lazyDefinitions_.push_back(std::move(definition));
         return result;
@@ -94,16 +95,20 @@ class Container : public std::enable_shared_from_this<Container> {
     std::vector<std::optional<std::string>> registeredNames(std::uintptr_t type) const;
 
     explicit Container(Private);
-    Container(Private, Environment environment, std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions,
-              std::shared_ptr<Pool> pool, std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
+    Container(Private, Environment environment,
+              std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions,
+              std::shared_ptr<Pool> pool,
+              std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
               std::shared_ptr<CallbackStore> callbackStore);
 
   private:
     void indexLazyDefinitions();
     detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& definition,
-                                    const ProxyResolver& resolver, const std::shared_ptr<Context>& context, Pool& pool);
-    void configureAndFire(const detail::DefinitionCore& definition, const detail::AnyInstance& instance,
-                          const ProxyResolver& buildResolver, const std::shared_ptr<Context>& context);
+                                    const ProxyResolver& resolver,
+                                    const std::shared_ptr<Context>& context, Pool& pool);
+    void configureAndFire(const detail::DefinitionCore& definition,
+                          const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
+                          const std::shared_ptr<Context>& context);
     void fireCallbacks(const CallbackStore& store, const detail::DefinitionCore& definition,
                        const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
                        const std::shared_ptr<Context>& context);
@@ -118,25 +123,27 @@ class Container : public std::enable_shared_from_this<Container> {
 // `privateContainer` resolving the dependencies.
 class RegistrationContainer {
   public:
-    RegistrationContainer(std::shared_ptr<Container> publicContainer, std::shared_ptr<Container> privateContainer,
+    RegistrationContainer(std::shared_ptr<Container> publicContainer,
+                          std::shared_ptr<Container> privateContainer,
                           std::shared_ptr<ZFCallbackRegistration> callbackRegistration)
         : publicContainer_(std::move(publicContainer)),
           privateContainer_(std::move(privateContainer)),
           callbackRegistration_(std::move(callbackRegistration)) {}
 
     template <class T, class F>
-    requires std::invocable<F&, const ResolverType&>
-    Definition<T>& register_(std::optional<std::string_view> name, F factory) {
-        return publicContainer_->register_<T>(name, privateContainer_, callbackRegistration_, std::move(factory));
+    requires std::invocable<F&, const ResolverType&> Definition<T>
+    &register_(std::optional<std::string_view> name, F factory) {
+        return publicContainer_->register_<T>(name, privateContainer_, callbackRegistration_,
+                                              std::move(factory));
     }
     template <class T, class F>
-    requires std::invocable<F&, const ResolverType&>
-    Definition<T>& register_(F factory) {
-        return register_<T>(std::nullopt, std::move(factory));
-    }
+    requires std::invocable<F&, const ResolverType&> Definition<T>
+    &register_(F factory) { return register_<T>(std::nullopt, std::move(factory)); }
 
     const std::shared_ptr<Container>& publicContainer() const noexcept { return publicContainer_; }
-    const std::shared_ptr<Container>& privateContainer() const noexcept { return privateContainer_; }
+    const std::shared_ptr<Container>& privateContainer() const noexcept {
+        return privateContainer_;
+    }
 
   private:
     std::shared_ptr<Container> publicContainer_;

@@ -62,8 +62,12 @@ class Context final : public ContextType {
           publicContainer_(std::move(publicContainer)),
           contextContainer_(std::move(contextContainer)) {}
 
-    const std::shared_ptr<CallbackStore>& sharedCallbackStore() const noexcept { return callbackStore_; }
-    const std::unordered_map<Key, detail::AnyInstance>& objects() const noexcept { return objects_; }
+    const std::shared_ptr<CallbackStore>& sharedCallbackStore() const noexcept {
+        return callbackStore_;
+    }
+    const std::unordered_map<Key, detail::AnyInstance>& objects() const noexcept {
+        return objects_;
+    }
     const std::shared_ptr<Container>& publicContainer() const noexcept { return publicContainer_; }
 
     // Adds the objects of `older` that this context does not override itself.
@@ -74,7 +78,9 @@ class Context final : public ContextType {
     }
 
     std::shared_ptr<ZFContext> bridgedContext() const override { return bridgedContext_; }
-    void setBridgedContext(std::shared_ptr<ZFContext> context) override { bridgedContext_ = std::move(context); }
+    void setBridgedContext(std::shared_ptr<ZFContext> context) override {
+        bridgedContext_ = std::move(context);
+    }
 
     void setObject(Key key, detail::AnyInstance instance) override {
         objects_.insert_or_assign(std::move(key), std::move(instance));

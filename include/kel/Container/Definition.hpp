@@ -53,7 +53,8 @@ namespace detail {
 // The fields every definition has, and the build steps the container calls on them.
 class DefinitionCore : public DefinitionType {
   public:
-    DefinitionCore(Key key, const std::shared_ptr<Container>& privateContainer, bool privateIsRegistrant,
+    DefinitionCore(Key key, const std::shared_ptr<Container>& privateContainer,
+                   bool privateIsRegistrant,
                    std::shared_ptr<ZFCallbackRegistration> callbackRegistration)
         : key_(std::move(key)),
           publicContainer_(privateContainer),
@@ -63,7 +64,9 @@ class DefinitionCore : public DefinitionType {
     const Key& key() const override { return key_; }
     Scope scope() const noexcept { return scope_; }
     const std::optional<std::string>& name() const noexcept { return key_.namespace_; }
-    const std::shared_ptr<DefinitionConfigurationType>& configuration() const noexcept { return configuration_; }
+    const std::shared_ptr<DefinitionConfigurationType>& configuration() const noexcept {
+        return configuration_;
+    }
     const std::vector<std::shared_ptr<CallbackInstanceDefinitionType>>& callbacks() const noexcept {
         return callbacks_;
     }
@@ -76,9 +79,11 @@ class DefinitionCore : public DefinitionType {
     }
 
     // Calls the factory chosen for the environment.
-    virtual AnyInstance build(const ContainerEnvironment& environment, const ResolverType& resolver) const = 0;
+    virtual AnyInstance build(const ContainerEnvironment& environment,
+                              const ResolverType& resolver) const = 0;
     // Registers the definition's callback requests for a freshly built instance.
-    virtual void registerCallbacks(const std::shared_ptr<CallbackStore>& store, const AnyInstance& instance) const = 0;
+    virtual void registerCallbacks(const std::shared_ptr<CallbackStore>& store,
+                                   const AnyInstance& instance) const = 0;
 
   protected:
     Key key_;
@@ -97,9 +102,11 @@ class Definition final : public detail::DefinitionCore {
   public:
     using Factory = std::function<T(const ResolverType&)>;
 
-    Definition(std::optional<std::string_view> name, const std::shared_ptr<Container>& privateContainer,
-               bool privateIsRegistrant, std::shared_ptr<ZFCallbackRegistration> callbackRegistration, Factory factory)
-        : DefinitionCore(toKey<T>(name), privateContainer, privateIsRegistrant, std::move(callbackRegistration)),
+    Definition(std::optional<std::string_view> name,
+               const std::shared_ptr<Container>& privateContainer, bool privateIsRegistrant,
+               std::shared_ptr<ZFCallbackRegistration> callbackRegistration, Factory factory)
+        : DefinitionCore(toKey<T>(name), privateContainer, privateIsRegistrant,
+                         std::move(callbackRegistration)),
           factory_(std::move(factory)) {}
 
     Definition& inScope(Scope scope) {
@@ -110,15 +117,13 @@ class Definition final : public detail::DefinitionCore {
     // Runs `block(instance, resolver)` on each built instance once the outermost resolution has
     // returned; replaces an earlier configuration.
     template <class F>
-    requires std::invocable<F&, T, const ResolverType&>
-    Definition& thenConfigure(F block) {
+    requires std::invocable<F&, T, const ResolverType&> Definition& thenConfigure(F block) {
         configuration_ = std::make_shared<DefinitionConfiguration<T, T>>(std::move(block));
         return *this;
     }
     // The same with the instance cast to Cast first (a failed cast stops the process).
     template <class Cast, class F>
-    requires std::invocable<F&, Cast, const ResolverType&>
-    Definition& thenConfigure(F block) {
+    requires std::invocable<F&, Cast, const ResolverType&> Definition& thenConfigure(F block) {
         configuration_ = std::make_shared<DefinitionConfiguration<T, Cast>>(std::move(block));
         return *this;
     }
@@ -140,25 +145,29 @@ class Definition final : public detail::DefinitionCore {
     template <class U, class V = void, class F>
     Definition& whenResolving(CallbackScope scope, F callback) {
         static_assert(detail::IsSharedPointer<T>::value, "whenResolving needs a class type T");
-        using Registering = std::conditional_t<std::is_void_v<V>, typename detail::IsSharedPointer<T>::Element, V>;
+        using Registering =
+            std::conditional_t<std::is_void_v<V>, typename detail::IsSharedPointer<T>::Element, V>;
         callbacks_.push_back(std::make_shared<CallbackInstanceDefinition<T, U, Registering>>(
-            typename CallbackInstanceDefinition<T, U, Registering>::Wrapper(std::move(callback)), std::move(scope)));
+            typename CallbackInstanceDefinition<T, U, Registering>::Wrapper(std::move(callback)),
+            std::move(scope)));
         return *this;
     }
 
     // Hands each built instance to the sibling side's callback registration of this definition,
     // which registers the callbacks it wants for it.
     Definition& whenResolvingBridged() {
-        callbacks_.push_back(
-            std::make_shared<CallbackInstanceBridgedDefinition>(publicContainer_, callbackRegistration_));
+        callbacks_.push_back(std::make_shared<CallbackInstanceBridgedDefinition>(
+            publicContainer_, callbackRegistration_));
         return *this;
     }
 
-    detail::AnyInstance build(const ContainerEnvironment& environment, const ResolverType& resolver) const override {
+    detail::AnyInstance build(const ContainerEnvironment& environment,
+                              const ResolverType& resolver) const override {
         return detail::AnyInstance::make<T>(chooseFactory(environment)(resolver));
     }
 
-    void registerCallbacks(const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance) const override {
+    void registerCallbacks(const std::shared_ptr<CallbackStore>& store,
+                           const detail::AnyInstance& instance) const override {
         if (callbacks_.empty()) {
             return;
         }

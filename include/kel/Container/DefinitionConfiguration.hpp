@@ -38,7 +38,8 @@ class DefinitionConfiguration final : public DefinitionConfigurationType {
         Input value = input.as<Input>();
         if constexpr (std::is_same_v<Input, Cast>) {
             block_(std::move(value), resolver);
-        } else if constexpr (detail::IsSharedPointer<Input>::value && detail::IsSharedPointer<Cast>::value) {
+        } else if constexpr (detail::IsSharedPointer<Input>::value &&
+                             detail::IsSharedPointer<Cast>::value) {
             using Target = typename detail::IsSharedPointer<Cast>::Element;
             Cast cast;
             if constexpr (std::is_convertible_v<typename Input::element_type*, Target*>) {

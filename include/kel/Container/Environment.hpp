@@ -32,7 +32,9 @@ inline constexpr ContainerTestSuite ContainerTestSuite::all{3};
 class ContainerEnvironment {
   public:
     static ContainerEnvironment normal() { return ContainerEnvironment(std::nullopt); }
-    static ContainerEnvironment testing(ContainerTestSuite suite) { return ContainerEnvironment(suite); }
+    static ContainerEnvironment testing(ContainerTestSuite suite) {
+        return ContainerEnvironment(suite);
+    }
 
     bool isNormal() const noexcept { return !suite_; }
     // The suite of a testing environment; absent for normal.

@@ -34,10 +34,14 @@ namespace kel {
 // A bridged context: objects by text key and name, which resolutions return instead of building.
 class ZFInMemoryContext final : public Object, public ZFContext {
   public:
-    static std::shared_ptr<ZFInMemoryContext> make() { return std::shared_ptr<ZFInMemoryContext>(new ZFInMemoryContext()); }
+    static std::shared_ptr<ZFInMemoryContext> make() {
+        return std::shared_ptr<ZFInMemoryContext>(new ZFInMemoryContext());
+    }
 
-    void setObject(const std::string& key, const std::optional<std::string>& name, std::shared_ptr<Object> object);
-    std::shared_ptr<Object> object(const std::string& key, const std::optional<std::string>& name) const;
+    void setObject(const std::string& key, const std::optional<std::string>& name,
+                   std::shared_ptr<Object> object);
+    std::shared_ptr<Object> object(const std::string& key,
+                                   const std::optional<std::string>& name) const;
 
     // A new context with `other`'s objects and, over them, this context's.
     std::shared_ptr<ZFContext> mergeWithContext(const std::shared_ptr<ZFContext>& other) override;
@@ -54,7 +58,8 @@ class ZFInMemoryCallbackRegistration final : public Object, public ZFCallbackReg
     using Hook = std::function<void(const std::shared_ptr<Object>&, CallbackRegistrationType&)>;
 
     static std::shared_ptr<ZFInMemoryCallbackRegistration> make() {
-        return std::shared_ptr<ZFInMemoryCallbackRegistration>(new ZFInMemoryCallbackRegistration());
+        return std::shared_ptr<ZFInMemoryCallbackRegistration>(
+            new ZFInMemoryCallbackRegistration());
     }
 
     void addHook(Hook hook) { hooks_.push_back(std::move(hook)); }
@@ -78,9 +83,11 @@ class ZFInMemoryRegistry final : public Object,
     std::shared_ptr<ZFCallbackRegistration> callback() override;
     std::shared_ptr<ZFRegistrationContainer> publicContainer() override;
 
-    std::shared_ptr<ZFDefinition> unsafeRegisterForKey(const std::string& key, const std::optional<std::string>& name,
+    std::shared_ptr<ZFDefinition> unsafeRegisterForKey(const std::string& key,
+                                                       const std::optional<std::string>& name,
                                                        Factory factory) override;
-    std::shared_ptr<Object> unsafeResolveForKey(const std::string& key, const std::optional<std::string>& name,
+    std::shared_ptr<Object> unsafeResolveForKey(const std::string& key,
+                                                const std::optional<std::string>& name,
                                                 const std::shared_ptr<ZFContext>& context) override;
     // The registry resolves in one graph for both traits: it answers itself.
     std::shared_ptr<ZFResolver> currentObjectGraphResolver(ZFObjectGraphTrait trait) override;

@@ -34,7 +34,8 @@ std::string demangle(const char* mangledName);
 // The identity word of T (top-level cv-qualifiers ignored, as typeid does).
 template <class T>
 std::uintptr_t typeWord() noexcept {
-    static const std::uintptr_t word = reinterpret_cast<std::uintptr_t>(internTypeName(typeid(T).name()));
+    static const std::uintptr_t word =
+        reinterpret_cast<std::uintptr_t>(internTypeName(typeid(T).name()));
     return word;
 }
 

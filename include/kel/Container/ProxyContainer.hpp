@@ -36,7 +36,8 @@ class ProxyDefinition {
     using Class = typename detail::ClassObjectTraits<T>::Class;
 
   public:
-    ProxyDefinition(std::shared_ptr<ZFDefinition> definition, std::shared_ptr<Container> publicContainer,
+    ProxyDefinition(std::shared_ptr<ZFDefinition> definition,
+                    std::shared_ptr<Container> publicContainer,
                     std::shared_ptr<Container> privateContainer)
         : definition_(std::move(definition)),
           publicContainer_(std::move(publicContainer)),
@@ -49,19 +50,21 @@ class ProxyDefinition {
     }
 
     template <class F>
-    requires std::invocable<F&, T, const ResolverType&>
-    ProxyDefinition& thenConfigure(F block) {
+    requires std::invocable<F&, T, const ResolverType&> ProxyDefinition& thenConfigure(F block) {
         return thenConfigure<T>(std::move(block));
     }
     template <class Cast, class F>
-    requires std::invocable<F&, Cast, const ResolverType&>
-    ProxyDefinition& thenConfigure(F block) {
-        auto configuration = std::make_shared<DefinitionConfiguration<std::shared_ptr<Object>, Cast>>(std::move(block));
+    requires std::invocable<F&, Cast, const ResolverType&> ProxyDefinition& thenConfigure(F block) {
+        auto configuration =
+            std::make_shared<DefinitionConfiguration<std::shared_ptr<Object>, Cast>>(
+                std::move(block));
         definition_->withConfiguration(
-            [configuration, publicContainer = publicContainer_, privateContainer = privateContainer_](
-                const std::shared_ptr<Object>& instance, const std::shared_ptr<ZFResolver>& bridged) {
+            [configuration, publicContainer = publicContainer_,
+             privateContainer = privateContainer_](const std::shared_ptr<Object>& instance,
+                                                   const std::shared_ptr<ZFResolver>& bridged) {
                 ProxyResolver resolver(bridged, publicContainer, privateContainer);
-                configuration->configure(detail::AnyInstance::make<std::shared_ptr<Object>>(instance), resolver);
+                configuration->configure(
+                    detail::AnyInstance::make<std::shared_ptr<Object>>(instance), resolver);
             });
         return *this;
     }
@@ -80,15 +83,16 @@ class ProxyDefinition {
 class ProxyRegistrationContainer {
   public:
     ProxyRegistrationContainer(std::shared_ptr<ZFRegistrationContainer> registrationContainer,
-                               std::shared_ptr<Container> publicContainer, std::shared_ptr<Container> privateContainer)
+                               std::shared_ptr<Container> publicContainer,
+                               std::shared_ptr<Container> privateContainer)
         : registrationContainer_(std::move(registrationContainer)),
           publicContainer_(std::move(publicContainer)),
           privateContainer_(std::move(privateContainer)) {}
 
     // Registers `factory` on the sibling side under the bridged key of T and `name`.
     template <class T, class F>
-    requires detail::ClassObject<T> && std::invocable<F&, const ResolverType&>
-    ProxyDefinition<T> register_(std::optional<std::string_view> name, F factory) {
+    requires detail::ClassObject<T> && std::invocable<F&, const ResolverType&> ProxyDefinition<T>
+    register_(std::optional<std::string_view> name, F factory) {
         using Class = typename detail::ClassObjectTraits<T>::Class;
         std::optional<std::string> bridgedName;
         if (name) {
@@ -97,15 +101,16 @@ class ProxyRegistrationContainer {
         auto definition = registrationContainer_->unsafeRegisterForKey(
             bridgedKey<Class>(), bridgedName,
             [factory = std::move(factory), publicContainer = publicContainer_,
-             privateContainer = privateContainer_](const std::shared_ptr<ZFResolver>& bridged) mutable {
+             privateContainer =
+                 privateContainer_](const std::shared_ptr<ZFResolver>& bridged) mutable {
                 ProxyResolver resolver(bridged, publicContainer, privateContainer);
                 return std::shared_ptr<Object>(factory(resolver));
             });
         return ProxyDefinition<T>(std::move(definition), publicContainer_, privateContainer_);
     }
     template <class T, class F>
-    requires detail::ClassObject<T> && std::invocable<F&, const ResolverType&>
-    ProxyDefinition<T> register_(F factory) {
+    requires detail::ClassObject<T> && std::invocable<F&, const ResolverType&> ProxyDefinition<T>
+    register_(F factory) {
         return register_<T>(std::nullopt, std::move(factory));
     }
 
@@ -119,7 +124,8 @@ class ProxyContainer {
   public:
     // Derives the private container from `publicContainer` and asks the registry for its callback
     // registration once for each surface that needs it.
-    ProxyContainer(const std::shared_ptr<ZFContainerRegistry>& registry, std::shared_ptr<Container> publicContainer);
+    ProxyContainer(const std::shared_ptr<ZFContainerRegistry>& registry,
+                   std::shared_ptr<Container> publicContainer);
 
     const std::shared_ptr<RegistrationContainer> public_;
     const std::shared_ptr<RegistrationContainer> private_;
@@ -127,7 +133,8 @@ class ProxyContainer {
     const std::shared_ptr<CallbackRegistration> callback;
 
   private:
-    ProxyContainer(const std::shared_ptr<ZFContainerRegistry>& registry, const std::shared_ptr<Container>& publicContainer,
+    ProxyContainer(const std::shared_ptr<ZFContainerRegistry>& registry,
+                   const std::shared_ptr<Container>& publicContainer,
                    const std::shared_ptr<Container>& privateContainer);
 };
 

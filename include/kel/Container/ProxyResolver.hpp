@@ -2,8 +2,9 @@
 // one, then, for class types, the sibling framework's bridged resolver.
 //
 //     kel::ProxyResolver resolver(bridged, kel::Container::shared());
-//     std::optional<std::shared_ptr<Greeter>> greeter = resolver.resolve<std::shared_ptr<Greeter>>();
-//     std::string why = resolver.explain<std::shared_ptr<Greeter>>("formal");
+//     std::optional<std::shared_ptr<Greeter>> greeter =
+//     resolver.resolve<std::shared_ptr<Greeter>>(); std::string why =
+//     resolver.explain<std::shared_ptr<Greeter>>("formal");
 //
 // A resolution with an override block fills a fresh Context; a resolver that already carries a
 // context adds its objects under the block's (the block's win) and shares its callback store.
@@ -35,15 +36,18 @@ class ProxyResolver final : public ResolverType {
   public:
     // A resolver over `publicResolver` and `privateResolver` (by default
     // publicResolver->privateContainer()), without a context.
-    ProxyResolver(std::shared_ptr<ZFResolver> objcResolver, std::shared_ptr<Container> publicResolver,
-                  std::shared_ptr<Container> privateResolver = nullptr, std::shared_ptr<Context> context = nullptr);
+    ProxyResolver(std::shared_ptr<ZFResolver> objcResolver,
+                  std::shared_ptr<Container> publicResolver,
+                  std::shared_ptr<Container> privateResolver = nullptr,
+                  std::shared_ptr<Context> context = nullptr);
 
     const std::shared_ptr<ZFResolver>& objc() const noexcept { return objc_; }
     const std::shared_ptr<Container>& publicResolver() const noexcept { return publicResolver_; }
     const std::shared_ptr<Container>& privateResolver() const noexcept { return privateResolver_; }
     const std::shared_ptr<Context>& context() const noexcept { return context_; }
 
-    std::shared_ptr<ResolverType> currentObjectGraphResolver(ZFObjectGraphTrait trait) const override;
+    std::shared_ptr<ResolverType> currentObjectGraphResolver(
+        ZFObjectGraphTrait trait) const override;
 
     detail::AnyInstance resolveInstance(const Key& key, const detail::ClassForm* classForm,
                                         const detail::ContextBlock* block) const override;

@@ -52,13 +52,13 @@ template <class T>
 const ClassForm* classFormOf() {
     if constexpr (ClassObject<T>) {
         using U = typename ClassObjectTraits<T>::Class;
-        static constexpr ClassForm form{
-            &kel::bridgedKey<U>, [](const std::shared_ptr<Object>& object) -> AnyInstance {
-                if (auto typed = std::dynamic_pointer_cast<U>(object)) {
-                    return AnyInstance::make<T>(std::move(typed));
-                }
-                return {};
-            }};
+        static constexpr ClassForm form{&kel::bridgedKey<U>,
+                                        [](const std::shared_ptr<Object>& object) -> AnyInstance {
+                                            if (auto typed = std::dynamic_pointer_cast<U>(object)) {
+                                                return AnyInstance::make<T>(std::move(typed));
+                                            }
+                                            return {};
+                                        }};
         return &form;
     } else {
         return nullptr;
@@ -78,13 +78,12 @@ class ResolverType {
         return typed<T>(resolveInstance(toKey<T>(name), detail::classFormOf<T>(), nullptr));
     }
     template <class T, class Block>
-    requires std::invocable<Block&, ContextType&>
-    std::optional<T> resolve(Block&& block) const {
-        return resolve<T>(std::nullopt, block);
-    }
+    requires std::invocable<Block&, ContextType&> std::optional<T> resolve(Block&& block)
+    const { return resolve<T>(std::nullopt, block); }
     template <class T, class Block>
-    requires std::invocable<Block&, ContextType&>
-    std::optional<T> resolve(std::optional<std::string_view> name, Block&& block) const {
+    requires std::invocable<Block&, ContextType&> std::optional<T> resolve(
+        std::optional<std::string_view> name, Block&& block)
+    const {
         detail::ContextBlock ref(block);
         return typed<T>(resolveInstance(toKey<T>(name), detail::classFormOf<T>(), &ref));
     }
@@ -95,14 +94,16 @@ class ResolverType {
         return typed<T>(resolveInstance(toKey<T>(name), nullptr, nullptr));
     }
     template <class T, class Block>
-    requires std::invocable<Block&, ContextType&>
-    std::optional<T> resolveGeneral(std::optional<std::string_view> name, Block&& block) const {
+    requires std::invocable<Block&, ContextType&> std::optional<T> resolveGeneral(
+        std::optional<std::string_view> name, Block&& block)
+    const {
         detail::ContextBlock ref(block);
         return typed<T>(resolveInstance(toKey<T>(name), nullptr, &ref));
     }
 
     // A resolver whose resolutions join the object graph being built (see ZFObjectGraphTrait).
-    virtual std::shared_ptr<ResolverType> currentObjectGraphResolver(ZFObjectGraphTrait trait) const = 0;
+    virtual std::shared_ptr<ResolverType> currentObjectGraphResolver(
+        ZFObjectGraphTrait trait) const = 0;
 
     // The type-erased resolution behind the templates: `classForm` is null for the general
     // forms, `block` null when there is no override block.

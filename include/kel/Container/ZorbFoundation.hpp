@@ -33,7 +33,8 @@ class ZFContext {
   public:
     virtual ~ZFContext() = default;
     // A context holding the receiver's overrides on top of `other`'s.
-    virtual std::shared_ptr<ZFContext> mergeWithContext(const std::shared_ptr<ZFContext>& other) = 0;
+    virtual std::shared_ptr<ZFContext> mergeWithContext(
+        const std::shared_ptr<ZFContext>& other) = 0;
 };
 
 class ZFResolver;
@@ -61,9 +62,9 @@ class ZFResolver {
 
     virtual ~ZFResolver() = default;
     // The object registered under the text key and name, or null. May raise.
-    virtual std::shared_ptr<Object> unsafeResolveForKey(const std::string& key,
-                                                        const std::optional<std::string>& name,
-                                                        const std::shared_ptr<ZFContext>& context) = 0;
+    virtual std::shared_ptr<Object> unsafeResolveForKey(
+        const std::string& key, const std::optional<std::string>& name,
+        const std::shared_ptr<ZFContext>& context) = 0;
     virtual std::shared_ptr<ZFResolver> currentObjectGraphResolver(ZFObjectGraphTrait trait) = 0;
     virtual void linkResolverWithLinkBlock(LinkBlock block) = 0;
 };
@@ -73,9 +74,8 @@ class ZFRegistrationContainer {
     using Factory = std::function<std::shared_ptr<Object>(const std::shared_ptr<ZFResolver>&)>;
 
     virtual ~ZFRegistrationContainer() = default;
-    virtual std::shared_ptr<ZFDefinition> unsafeRegisterForKey(const std::string& key,
-                                                               const std::optional<std::string>& name,
-                                                               Factory factory) = 0;
+    virtual std::shared_ptr<ZFDefinition> unsafeRegisterForKey(
+        const std::string& key, const std::optional<std::string>& name, Factory factory) = 0;
 };
 
 // The sibling side's instance-callback surface. When the container builds an instance whose

@@ -16,7 +16,8 @@ class FunctionRef<R(Args...)> {
   public:
     template <class F>
     requires(!std::is_same_v<std::decay_t<F>, FunctionRef> && std::is_invocable_r_v<R, F&, Args...>)
-    FunctionRef(F& f) noexcept  // NOLINT(google-explicit-constructor)
+        FunctionRef(F& f)
+    noexcept  // NOLINT(google-explicit-constructor)
         : object_(std::addressof(f)), call_([](void* object, Args... args) -> R {
               return (*static_cast<F*>(object))(std::forward<Args>(args)...);
           }) {}
