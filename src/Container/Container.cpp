@@ -61,6 +61,7 @@ void Container::indexLazyDefinitions() {
     if (lazyDefinitions_.empty()) {
         return;
     }
+    definitions_.reserve(definitions_.size() + lazyDefinitions_.size());
     for (auto& definition : lazyDefinitions_) {
         const Key& key = definition->key();
         definitions_.insert_or_assign(key, std::move(definition));
@@ -124,7 +125,7 @@ detail::AnyInstance Container::scopedBuild(
         pool.set(key, poolScope, instance);
     }
     pool.addDrainBlock(DrainAction::config,
-                       [self = shared_from_this(), definition, instance, buildResolver, context] {
+                       [self = shared_from_this(), definition, instance, buildResolver = std::move(buildResolver), context] {
                            self->configureAndFire(*definition, instance, buildResolver, context);
                        });
     return instance;

@@ -150,7 +150,9 @@ std::shared_ptr<ZFResolver> ZFInMemoryRegistry::currentObjectGraphResolver(ZFObj
 void ZFInMemoryRegistry::linkResolverWithLinkBlock(LinkBlock block) {
     ++linkCount_;
     linked_ = true;
-    block([registry = shared_from_this()] {
+    // The container runs the drain callable before its resolution returns, while the resolver
+    // that holds this registry is alive, so a plain pointer is enough (and needs no allocation).
+    block([registry = this] {
         registry->linked_ = false;
         if (registry->depth_ == 0) {
             registry->graph_.clear();

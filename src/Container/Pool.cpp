@@ -110,7 +110,8 @@ void Pool::drain() {
         linking.clear();
         copies.clear();
     }
-    if (isGraphDrainingEnabled_) {
+    // clear() walks every bucket even when the map is empty.
+    if (isGraphDrainingEnabled_ && !graph_.empty()) {
         graph_.clear();
     }
 }

@@ -112,9 +112,9 @@ class ResolverType {
 
   private:
     template <class T>
-    static std::optional<T> typed(const detail::AnyInstance& instance) {
+    static std::optional<T> typed(detail::AnyInstance instance) {
         if (instance.is<T>()) {
-            return instance.as<T>();
+            return std::move(instance).template take<T>();
         }
         return std::nullopt;
     }

@@ -65,6 +65,16 @@ struct AnyInstance {
             return *static_cast<const T*>(storage.get());
         }
     }
+
+    // The value as a T, taking this instance's reference; the caller has checked is<T>().
+    template <class T>
+    T take() && {
+        if constexpr (IsSharedPointer<T>::value) {
+            return std::static_pointer_cast<typename T::element_type>(std::move(storage));
+        } else {
+            return as<T>();
+        }
+    }
 };
 
 // The name of the dynamic type of a value of type T: the most derived class for a non-null shared
