@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "CollectionsDemo.hpp"
+#include "ContainerDemo.hpp"
 #include "DispatchDemo.hpp"
 #include "FoundationDemo.hpp"
 #include "PromisesDemo.hpp"
@@ -45,6 +46,7 @@ int main() {
     std::cout << "\n== Task schedulers and asynchronous operations\n";
     runSchedulersDemo();
     runCollectionsDemo();
+    runContainerDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.

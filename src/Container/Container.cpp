@@ -81,8 +81,8 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
     if (found == definitions_.end()) {
         return {};
     }
-    // Held for the whole pass: a factory may register the same key again.
-    std::shared_ptr<detail::DefinitionCore> definition = found->second;
+    const std::shared_ptr<detail::DefinitionCore>& definition = found->second;
+    // Held for the whole pass: a drain block may give this container another pool.
     std::shared_ptr<Pool> pool = pool_;
     if (pool->depth() == 0 && resolver.objc()) {
         Pool* linkedPool = pool.get();
@@ -94,18 +94,22 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
     return pool->graphPass([&] { return scopedBuild(definition, resolver, context, *pool); });
 }
 
-detail::AnyInstance Container::scopedBuild(
-    const std::shared_ptr<detail::DefinitionCore>& definition, const ProxyResolver& resolver,
-    const std::shared_ptr<Context>& context, Pool& pool) {
-    const Key& key = definition->key();
-    const Scope scope = definition->scope();
+detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
+                                           const ProxyResolver& resolver,
+                                           const std::shared_ptr<Context>& context, Pool& pool) {
+    const Scope scope = entry->scope();
     const PoolScope poolScope = scope == Scope::singleton ? PoolScope::singleton : PoolScope::graph;
     if (scope != Scope::none) {
-        if (const detail::AnyInstance* pooled = pool.get(key, poolScope);
-            pooled != nullptr && pooled->type == key.addr) {
+        const Key& pooledKey = entry->key();
+        if (const detail::AnyInstance* pooled = pool.get(pooledKey, poolScope);
+            pooled != nullptr && pooled->type == pooledKey.addr) {
             return *pooled;
         }
     }
+    // `entry` lives in definitions_, which a nested resolution may re-index: hold the definition
+    // from here on.
+    std::shared_ptr<detail::DefinitionCore> definition = entry;
+    const Key& key = definition->key();
 
     ProxyResolver buildResolver(resolver.objc(), resolver.publicResolver(),
                                 definition->privateContainer());
@@ -124,10 +128,10 @@ detail::AnyInstance Container::scopedBuild(
     if (scope != Scope::none) {
         pool.set(key, poolScope, instance);
     }
-    pool.addDrainBlock(DrainAction::config,
-                       [self = shared_from_this(), definition, instance, buildResolver = std::move(buildResolver), context] {
-                           self->configureAndFire(*definition, instance, buildResolver, context);
-                       });
+    pool.addDrainBlock(DrainAction::config, [self = shared_from_this(), definition, instance,
+                                             buildResolver = std::move(buildResolver), context] {
+        self->configureAndFire(*definition, instance, buildResolver, context);
+    });
     return instance;
 }
 

@@ -103,7 +103,7 @@ class Container : public std::enable_shared_from_this<Container> {
 
   private:
     void indexLazyDefinitions();
-    detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& definition,
+    detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
                                     const ProxyResolver& resolver,
                                     const std::shared_ptr<Context>& context, Pool& pool);
     void configureAndFire(const detail::DefinitionCore& definition,
