@@ -82,14 +82,18 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
         return {};
     }
     const std::shared_ptr<detail::DefinitionCore>& definition = found->second;
-    // Held for the whole pass: a drain block may give this container another pool.
-    std::shared_ptr<Pool> pool = pool_;
-    if (pool->depth() == 0 && resolver.objc()) {
-        Pool* linkedPool = pool.get();
-        resolver.objc()->linkResolverWithLinkBlock([linkedPool](std::function<void()> drain) {
-            linkedPool->addDrainBlock(DrainAction::linking,
-                                      [drain = std::move(drain)]() mutable { drain(); });
-        });
+    Pool* pool = pool_.get();
+    // An outermost pass drains, and a drain block may give this container another pool: hold
+    // this one until the pass is over. A nested pass runs inside an outermost one that holds it.
+    std::shared_ptr<Pool> drainingPool;
+    if (pool->depth() == 0) {
+        drainingPool = pool_;
+        if (resolver.objc()) {
+            resolver.objc()->linkResolverWithLinkBlock([pool](std::function<void()> drain) {
+                pool->addDrainBlock(DrainAction::linking,
+                                    [drain = std::move(drain)]() mutable { drain(); });
+            });
+        }
     }
     return pool->graphPass([&] { return scopedBuild(definition, resolver, context, *pool); });
 }
@@ -128,10 +132,11 @@ detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::Definit
     if (scope != Scope::none) {
         pool.set(key, poolScope, instance);
     }
-    pool.addDrainBlock(DrainAction::config, [self = shared_from_this(), definition, instance,
-                                             buildResolver = std::move(buildResolver), context] {
-        self->configureAndFire(*definition, instance, buildResolver, context);
-    });
+    pool.addDrainBlock(DrainAction::config,
+                       [self = shared_from_this(), definition = std::move(definition), instance,
+                        buildResolver = std::move(buildResolver), context] {
+                           self->configureAndFire(*definition, instance, buildResolver, context);
+                       });
     return instance;
 }
 

@@ -78,6 +78,11 @@ TEST(ProxyContainerSurfaces, RegistryIsAskedForItsCallbackOncePerSurface) {
     EXPECT_EQ(world.module.public_->publicContainer(), world.container);
     EXPECT_EQ(world.module.public_->privateContainer(), world.privateContainer());
     EXPECT_EQ(world.module.callback->publicContainer(), world.container);
+
+    ProxyResolver fromSibling = proxyResolver(world.registry);
+    EXPECT_EQ(fromSibling.publicResolver(), Container::shared());
+    EXPECT_NE(fromSibling.privateResolver(), Container::shared());
+    EXPECT_EQ(fromSibling.privateResolver()->pool(), Container::shared()->pool());
 }
 
 TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverriding) {
