@@ -56,6 +56,22 @@ TEST(CallbackScopes, AnyNameAndNamesSelectTheResolutionsTheyHearAbout) {
     EXPECT_EQ(both->heard, (std::vector<std::string>{"names:a", "names:b"}));
 }
 
+TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) {
+    CallbackWorld world;
+    auto owner = std::make_shared<Listener>();
+    auto record = [](std::string tag) {
+        return [tag](std::shared_ptr<Listener> listener, ServicePtr, const ResolverType&) {
+            listener->heard.push_back(tag);
+        };
+    };
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
+                                                     record("named"));
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
+                                                     record("unnamed"));
+    world.resolver.resolve<ServicePtr>("a");
+    EXPECT_EQ(owner->heard, (std::vector<std::string>{"unnamed", "named"}));
+}
+
 TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
     CallbackWorld world;
     std::vector<std::string> events;
