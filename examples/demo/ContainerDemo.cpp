@@ -10,6 +10,7 @@
 
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -104,6 +105,9 @@ void runContainerDemo() {
     std::cout << "  postman and mailbox linked by their configuration: " << std::boolalpha
               << (postman->mailbox->postman.lock() == postman) << "\n";
 
-    std::cout << "  why is there no \"night\" greeter?\n"
-              << resolver.explain<std::shared_ptr<Greeter>>("night");
+    std::cout << "  why is there no \"night\" greeter?\n";
+    std::istringstream explanation(resolver.explain<std::shared_ptr<Greeter>>("night"));
+    for (std::string line; std::getline(explanation, line);) {
+        std::cout << "    " << line << "\n";
+    }
 }

@@ -3,6 +3,7 @@
 #include <kel/Container/Container.hpp>
 #include <kel/Container/ProxyResolver.hpp>
 
+#include <stdexcept>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -206,6 +207,30 @@ TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
     EXPECT_EQ(*later.resolve<ServicePtr>(), inGraph);
     EXPECT_EQ(*ProxyResolver(nullptr, copied).resolve<ServicePtr>(), inGraph);
     EXPECT_NE(*world.resolver.resolve<ServicePtr>(), inGraph);
+}
+
+TEST(ContainerPool, AThrowingFactoryLeavesThePassAndDropsItsPendingWork) {
+    ContainerWorld world;
+    int configured = 0;
+    world.module.public_
+        ->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); })
+        .thenConfigure([&](ServicePtr, const ResolverType&) { ++configured; });
+    bool fail = true;
+    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+        r.resolve<ServicePtr>();
+        if (fail) {
+            throw std::runtime_error("no dependency today");
+        }
+        return std::make_shared<Dependency>();
+    });
+
+    EXPECT_THROW(world.resolver.resolve<std::shared_ptr<Dependency>>(), std::runtime_error);
+    EXPECT_EQ(world.container->pool()->depth(), 0u);
+    EXPECT_EQ(world.container->pool()->graphCount(), 0u);
+    EXPECT_EQ(configured, 0);
+    fail = false;
+    EXPECT_TRUE(world.resolver.resolve<std::shared_ptr<Dependency>>());
+    EXPECT_EQ(configured, 1);
 }
 
 TEST(ContainerEnvironment, PicksTheTestingFactoryOfASingleSuiteMember) {
