@@ -58,9 +58,6 @@ std::shared_ptr<Container> Container::currentObjectGraphContainer(ZFObjectGraphT
 }
 
 void Container::indexLazyDefinitions() {
-    if (lazyDefinitions_.empty()) {
-        return;
-    }
     definitions_.reserve(definitions_.size() + lazyDefinitions_.size());
     for (auto& definition : lazyDefinitions_) {
         const Key& key = definition->key();
@@ -76,7 +73,9 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
             return *overridden;
         }
     }
-    indexLazyDefinitions();
+    if (!lazyDefinitions_.empty()) {
+        indexLazyDefinitions();
+    }
     auto found = definitions_.find(key);
     if (found == definitions_.end()) {
         return {};

@@ -60,7 +60,8 @@ void Pool::enterPass() {
 
 void Pool::exitPass() {
     KEL_PRECONDITION(depth_ >= 1, "pool depth would go below zero");
-    if (depth_ == 1) {
+    if (depth_ == 1 && (!configBlocks_.empty() || !linkingBlocks_.empty() || !copyBlocks_.empty() ||
+                        (isGraphDrainingEnabled_ && !graph_.empty()))) {
         drain();
     }
     --depth_;
