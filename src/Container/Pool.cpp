@@ -22,7 +22,10 @@ std::shared_ptr<Pool> Pool::copy() const {
 }
 
 const detail::AnyInstance* Pool::get(const Key& key, PoolScope scope) const {
-    const auto& instances = scope == PoolScope::graph ? graph_ : singletonPool_->singletons;
+    if (scope == PoolScope::graph) {
+        return graph_.find(key);
+    }
+    const auto& instances = singletonPool_->singletons;
     if (instances.empty()) {
         return nullptr;
     }
@@ -31,8 +34,11 @@ const detail::AnyInstance* Pool::get(const Key& key, PoolScope scope) const {
 }
 
 void Pool::set(const Key& key, PoolScope scope, detail::AnyInstance instance) {
-    auto& instances = scope == PoolScope::graph ? graph_ : singletonPool_->singletons;
-    instances.insert_or_assign(key, std::move(instance));
+    if (scope == PoolScope::graph) {
+        graph_.insertOrAssign(key, std::move(instance));
+    } else {
+        singletonPool_->singletons.insert_or_assign(key, std::move(instance));
+    }
 }
 
 void Pool::addDrainBlock(DrainAction action, DrainBlock block) {
@@ -111,7 +117,6 @@ void Pool::drain() {
         linking.clear();
         copies.clear();
     }
-    // clear() walks every bucket even when the map is empty.
     if (isGraphDrainingEnabled_ && !graph_.empty()) {
         graph_.clear();
     }

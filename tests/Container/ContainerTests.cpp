@@ -59,6 +59,31 @@ TEST(ContainerScopes, GraphInstancesAreSharedWithinOneOutermostResolutionOnly) {
     EXPECT_NE(*world.resolver.resolve<ServicePtr>(), *world.resolver.resolve<ServicePtr>());
 }
 
+TEST(ContainerScopes, LargeGraphsKeepOneInstancePerKey) {
+    ContainerWorld world;
+    int built = 0;
+    constexpr int count = 80;
+    for (int index = 0; index < count; ++index) {
+        world.module.public_->register_<ServicePtr>("n" + std::to_string(index),
+                                                    [&](const ResolverType&) {
+                                                        ++built;
+                                                        return std::make_shared<Service>();
+                                                    });
+    }
+    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+        for (int round = 0; round < 2; ++round) {
+            for (int index = 0; index < count; ++index) {
+                r.resolve<ServicePtr>("n" + std::to_string(index));
+            }
+        }
+        EXPECT_EQ(world.container->pool()->graphCount(), static_cast<std::size_t>(count));
+        return std::make_shared<Dependency>();
+    });
+    world.resolver.resolve<std::shared_ptr<Dependency>>();
+    EXPECT_EQ(built, count);
+    EXPECT_EQ(world.container->pool()->graphCount(), 0u);
+}
+
 TEST(ContainerScopes, SingletonsAreSharedThroughDerivedContainersAndNoneBuildsEveryTime) {
     ContainerWorld world;
     int built = 0;

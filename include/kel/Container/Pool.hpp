@@ -13,6 +13,7 @@
 
 #include "kel/Container/Key.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Container/detail/GraphStore.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 
 #include <cstddef>
@@ -100,7 +101,7 @@ class Pool final : public PoolAccessible {
     void drain();
 
     std::size_t depth_ = 0;
-    std::unordered_map<Key, detail::AnyInstance> graph_;
+    detail::GraphStore graph_;
     std::shared_ptr<SingletonPool> singletonPool_;
     // Drain blocks in list order are: configBlocks_ reversed, then linkingBlocks_ (front
     // insertion of configuration blocks without shifting a vector).
