@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "CollectionsDemo.hpp"
+#include "ContainerDemo.hpp"
 #include "DispatchDemo.hpp"
 #include "EventsDemo.hpp"
 #include "FoundationDemo.hpp"
@@ -49,6 +50,7 @@ int main() {
     runCollectionsDemo();
     runEventsDemo();
     runLifecycleDemo();
+    runContainerDemo();
     runUtilitiesDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.

@@ -1,0 +1,200 @@
+#include <gtest/gtest.h>
+
+#include <kel/Container/Callbacks.hpp>
+#include <kel/Container/Context.hpp>
+
+#include <string>
+#include <vector>
+
+#include "ContainerTestSupport.hpp"
+
+namespace kel::testing {
+namespace {
+
+using ServicePtr = std::shared_ptr<Service>;
+
+// A listener registered in the container that wants to hear about Services.
+struct Listener : Object {
+    std::vector<std::string> heard;
+};
+
+struct CallbackWorld : ContainerWorld {
+    CallbackWorld() {
+        module.public_->register_<ServicePtr>(
+            [](const ResolverType&) { return std::make_shared<Service>("unnamed"); });
+        module.public_->register_<ServicePtr>(
+            "a", [](const ResolverType&) { return std::make_shared<Service>("a"); });
+        module.public_->register_<ServicePtr>(
+            "b", [](const ResolverType&) { return std::make_shared<Service>("b"); });
+    }
+
+    std::shared_ptr<Listener> listenerWith(CallbackScope scope, const std::string& tag) {
+        module.public_
+            ->register_<std::shared_ptr<Listener>>(
+                tag, [](const ResolverType&) { return std::make_shared<Listener>(); })
+            .whenResolving<ServicePtr>(
+                std::move(scope),
+                [tag](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
+                    listener->heard.push_back(tag + ":" + service->label);
+                });
+        return *resolver.resolve<std::shared_ptr<Listener>>(tag);
+    }
+};
+
+TEST(CallbackScopes, AnyNameAndNamesSelectTheResolutionsTheyHearAbout) {
+    CallbackWorld world;
+    auto any = world.listenerWith(CallbackScope::any(), "any");
+    auto named = world.listenerWith(CallbackScope::name("a"), "name");
+    auto both = world.listenerWith(CallbackScope::names({"a", "b"}), "names");
+
+    world.resolver.resolve<ServicePtr>();
+    world.resolver.resolve<ServicePtr>("a");
+    world.resolver.resolve<ServicePtr>("b");
+
+    EXPECT_EQ(any->heard, (std::vector<std::string>{"any:unnamed", "any:a", "any:b"}));
+    EXPECT_EQ(named->heard, (std::vector<std::string>{"name:a"}));
+    EXPECT_EQ(both->heard, (std::vector<std::string>{"names:a", "names:b"}));
+}
+
+TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) {
+    CallbackWorld world;
+    auto owner = std::make_shared<Listener>();
+    auto record = [](std::string tag) {
+        return [tag](std::shared_ptr<Listener> listener, ServicePtr, const ResolverType&) {
+            listener->heard.push_back(tag);
+        };
+    };
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
+                                                     record("named"));
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
+                                                     record("unnamed"));
+    world.resolver.resolve<ServicePtr>("a");
+    EXPECT_EQ(owner->heard, (std::vector<std::string>{"unnamed", "named"}));
+}
+
+TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
+    CallbackWorld world;
+    std::vector<std::string> events;
+    world.module.public_
+        ->register_<ServicePtr>("configured",
+                                [](const ResolverType&) { return std::make_shared<Service>("c"); })
+        .thenConfigure([&](ServicePtr, const ResolverType&) { events.push_back("configured"); })
+        .inScope(Scope::singleton);
+    world.module.public_
+        ->register_<std::shared_ptr<Listener>>(
+            [](const ResolverType&) { return std::make_shared<Listener>(); })
+        .whenResolving<ServicePtr>(CallbackScope::name("configured"),
+                                   [&](std::shared_ptr<Listener>, ServicePtr, const ResolverType&) {
+                                       events.push_back("callback");
+                                   });
+    auto listener = world.resolver.resolve<std::shared_ptr<Listener>>();
+
+    world.resolver.resolve<ServicePtr>("configured");
+    world.resolver.resolve<ServicePtr>("configured");
+    EXPECT_EQ(events, (std::vector<std::string>{"configured", "callback"}));
+
+    listener.reset();
+    world.container->pool()->graphPass([] { return 0; });
+    world.module.public_
+        ->register_<ServicePtr>("configured",
+                                [](const ResolverType&) { return std::make_shared<Service>(); })
+        .inScope(Scope::none);
+    world.resolver.resolve<ServicePtr>("configured");
+    EXPECT_EQ(events.size(), 2u);
+}
+
+TEST(CallbackFiring, CastsTheRegisteringInstanceAndSkipsInstancesOfAnotherClass) {
+    CallbackWorld world;
+    std::vector<std::string> heard;
+    auto registerHolder = [&](std::string name, std::function<std::shared_ptr<Object>()> make) {
+        world.module.public_
+            ->register_<std::shared_ptr<Object>>(name,
+                                                 [make](const ResolverType&) { return make(); })
+            .whenResolving<ServicePtr, Listener>(
+                CallbackScope::any(),
+                [&heard](std::shared_ptr<Listener>, ServicePtr service, const ResolverType&) {
+                    heard.push_back(service->label);
+                });
+    };
+    registerHolder("listener", [] { return std::make_shared<Listener>(); });
+    registerHolder("other", [] { return std::make_shared<Other>(); });
+    auto listener = world.resolver.resolve<std::shared_ptr<Object>>("listener");
+    auto other = world.resolver.resolve<std::shared_ptr<Object>>("other");
+
+    world.resolver.resolve<ServicePtr>();
+    EXPECT_EQ(heard, (std::vector<std::string>{"unnamed"}));
+}
+
+TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithTheirOwners) {
+    CallbackWorld world;
+    auto owner = std::make_shared<Listener>();
+    world.module.callback->whenResolving<ServicePtr>(
+        CallbackScope::name("a"), owner,
+        [](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
+            listener->heard.push_back("module:" + service->label);
+        });
+    world.registry->callbackRegistration()->addHook(
+        [](const std::shared_ptr<Object>& instance, CallbackRegistrationType& registration) {
+            auto listener = std::dynamic_pointer_cast<Listener>(instance);
+            registration.whenResolving<ServicePtr>(
+                CallbackScope::any(), listener,
+                [](std::shared_ptr<Listener> l, ServicePtr service, const ResolverType&) {
+                    l->heard.push_back("bridged:" + service->label);
+                });
+        });
+    world.module.public_
+        ->register_<std::shared_ptr<Listener>>(
+            "bridged", [](const ResolverType&) { return std::make_shared<Listener>(); })
+        .whenResolvingBridged();
+    auto bridged = *world.resolver.resolve<std::shared_ptr<Listener>>("bridged");
+
+    world.resolver.resolve<ServicePtr>("a", [&](ContextType& context) {
+        context.whenResolving<ServicePtr>(
+            CallbackScope::name("a"), owner,
+            [](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
+                listener->heard.push_back("context:" + service->label);
+            });
+    });
+    world.resolver.resolve<ServicePtr>("a");
+
+    EXPECT_EQ(owner->heard, (std::vector<std::string>{"module:a", "context:a", "module:a"}));
+    EXPECT_EQ(bridged->heard, (std::vector<std::string>{"bridged:a", "bridged:a"}));
+}
+
+TEST(ContextOverrides, NewestOverridesWinAndTheCallbackStoreIsShared) {
+    ContainerWorld world;
+    world.module.public_->register_<std::string>(
+        [](const ResolverType&) { return std::string("built"); });
+    world.module.public_->register_<std::shared_ptr<Dependency>>(
+        [](const ResolverType&) { return std::make_shared<Dependency>(); });
+    std::vector<std::string> seen;
+    world.module.public_
+        ->register_<ServicePtr>([&](const ResolverType& r) {
+            seen.push_back(*r.resolve<std::string>());
+            return std::make_shared<Service>();
+        })
+        .inScope(Scope::none);
+
+    auto outer = std::make_shared<Context>(std::make_shared<CallbackStore>(), world.container,
+                                           world.privateContainer());
+    outer->set<std::string>("outer");
+    outer->set<int>(1);
+    auto dependency = std::make_shared<Dependency>();
+    outer->set<std::shared_ptr<Dependency>>(dependency);
+    ProxyResolver carrying(world.registry, world.container, world.privateContainer(), outer);
+
+    std::shared_ptr<CallbackStore> storeSeen;
+    auto answer = carrying.resolve<std::string>([&](ContextType& context) {
+        context.set<std::string>("block");
+        storeSeen = static_cast<Context&>(context).sharedCallbackStore();
+    });
+    EXPECT_EQ(answer, "block");
+    EXPECT_EQ(storeSeen, outer->sharedCallbackStore());
+    EXPECT_EQ(carrying.resolve<int>([](ContextType&) {}), 1);
+    EXPECT_EQ(carrying.resolve<std::shared_ptr<Dependency>>(), dependency);
+    EXPECT_EQ(world.resolver.resolve<std::string>(), "built");
+    EXPECT_EQ(outer->get<std::string>(), "outer");
+}
+
+}  // namespace
+}  // namespace kel::testing

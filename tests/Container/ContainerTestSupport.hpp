@@ -1,0 +1,43 @@
+// Shared set-up of the container tests: a real in-memory sibling registry, a public container
+// with its private container, the module surfaces over them and a resolver.
+#pragma once
+
+#include <kel/Container/Container.hpp>
+#include <kel/Container/InMemoryZorbFoundation.hpp>
+#include <kel/Container/ProxyContainer.hpp>
+#include <kel/Container/ProxyResolver.hpp>
+
+#include <memory>
+#include <string>
+
+namespace kel::testing {
+
+struct Service : Object {
+    explicit Service(std::string label = {}) : label(std::move(label)) {}
+    std::string label;
+};
+struct Dependency : Object {};
+struct Other : Object {};
+
+// Two objects that are configured with each other.
+struct Left;
+struct Right;
+struct Left : Object {
+    std::shared_ptr<Right> right;
+};
+struct Right : Object {
+    std::weak_ptr<Left> left;
+};
+
+struct ContainerWorld {
+    std::shared_ptr<ZFInMemoryRegistry> registry = ZFInMemoryRegistry::make();
+    std::shared_ptr<Container> container = Container::make();
+    ProxyContainer module{registry, container};
+    ProxyResolver resolver{registry, container, module.private_->publicContainer()};
+
+    const std::shared_ptr<Container>& privateContainer() const {
+        return module.private_->publicContainer();
+    }
+};
+
+}  // namespace kel::testing

@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <kel/Container/InMemoryZorbFoundation.hpp>
+#include <kel/Container/ProxyContainer.hpp>
+#include <kel/Container/ProxyResolver.hpp>
+#include <kel/Platform/Exception.hpp>
+#include <kel/Platform/Log.hpp>
+
+#include <dlfcn.h>
+
+#include <string>
+
+#include "ContainerTestSupport.hpp"
+#include "PluginTypes.hpp"
+
+namespace kel::testing {
+namespace {
+
+using ServicePtr = std::shared_ptr<Service>;
+using OtherPtr = std::shared_ptr<Other>;
+
+TEST(ProxyResolution, PublicShadowsPrivateAndBridgedAnswersOnlyTheClassForms) {
+    ContainerWorld world;
+    world.module.private_->register_<std::string>(
+        [](const ResolverType&) { return std::string("private"); });
+    world.module.private_->register_<int>([](const ResolverType&) { return 2; });
+    world.module.public_->register_<std::string>(
+        [](const ResolverType&) { return std::string("public"); });
+    world.module.objc->register_<OtherPtr>(
+        [](const ResolverType&) { return std::make_shared<Other>(); });
+
+    EXPECT_EQ(world.resolver.resolve<std::string>(), "public");
+    EXPECT_EQ(world.resolver.resolve<int>(), 2);
+    EXPECT_TRUE(world.resolver.resolve<OtherPtr>());
+    EXPECT_FALSE(world.resolver.resolveGeneral<OtherPtr>());
+    EXPECT_FALSE(world.resolver.resolve<OtherPtr>("named"));
+}
+
+TEST(ProxyResolution, BridgedExceptionIsLoggedOnceAndWrongClassIsSilentlyAbsent) {
+    ContainerWorld world;
+    auto sink = std::make_shared<CapturingLogSink>();
+    ScopedLogSink scoped(sink);
+    world.module.objc->register_<ServicePtr>([](const ResolverType&) -> ServicePtr {
+        throw Exception("ZFTestException", "nothing to give");
+    });
+    world.registry->unsafeRegisterForKey(
+        bridgedKey<Dependency>(), std::nullopt,
+        [](const std::shared_ptr<ZFResolver>&) { return std::make_shared<Other>(); });
+
+    EXPECT_FALSE(world.resolver.resolve<ServicePtr>());
+    EXPECT_FALSE(world.resolver.resolve<std::shared_ptr<Dependency>>());
+    ASSERT_EQ(sink->records().size(), 1u);
+    const LogRecord record = sink->records().front();
+    EXPECT_EQ(record.level, LogLevel::error);
+    EXPECT_EQ(record.format, "Failed to resolve from objc resolver, error=%{public}@");
+    EXPECT_EQ(record.arguments.front().text(),
+              DomainError("ZFTestException", 0, {{"reason", "nothing to give"}}).what());
+}
+
+TEST(ProxyResolution, OverridesReachTheBridgedSideThroughTheMergedBridgedContext) {
+    ContainerWorld world;
+    auto older = ZFInMemoryContext::make();
+    auto fromOlder = std::make_shared<Other>();
+    older->setObject(bridgedKey<Other>(), std::nullopt, fromOlder);
+    auto carried = std::make_shared<Context>(std::make_shared<CallbackStore>(), world.container,
+                                             world.privateContainer());
+    carried->setBridgedContext(older);
+    ProxyResolver carrying(world.registry, world.container, world.privateContainer(), carried);
+
+    auto answer = carrying.resolve<OtherPtr>(
+        [](ContextType& context) { context.setBridgedContext(ZFInMemoryContext::make()); });
+    EXPECT_EQ(answer, fromOlder);
+}
+
+TEST(ProxyContainerSurfaces, RegistryIsAskedForItsCallbackOncePerSurface) {
+    ContainerWorld world;
+    EXPECT_EQ(world.registry->callbackRequests(), 3u);
+    EXPECT_EQ(world.module.public_->publicContainer(), world.container);
+    EXPECT_EQ(world.module.public_->privateContainer(), world.privateContainer());
+    EXPECT_EQ(world.module.callback->publicContainer(), world.container);
+
+    ProxyResolver fromSibling = proxyResolver(world.registry);
+    EXPECT_EQ(fromSibling.publicResolver(), Container::shared());
+    EXPECT_NE(fromSibling.privateResolver(), Container::shared());
+    EXPECT_EQ(fromSibling.privateResolver()->pool(), Container::shared()->pool());
+}
+
+TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverriding) {
+    ContainerWorld world;
+    world.module.public_->register_<std::string>(
+        [](const ResolverType&) { return std::string("from public"); });
+    world.module.objc
+        ->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); })
+        .inScope(Scope::singleton)
+        .thenConfigure([](ServicePtr service, const ResolverType& r) {
+            service->label = *r.resolve<std::string>();
+        })
+        .canBe(false);
+
+    ServicePtr first = *world.resolver.resolve<ServicePtr>();
+    EXPECT_EQ(first->label, "from public");
+    EXPECT_EQ(*world.resolver.resolve<ServicePtr>(), first);
+    EXPECT_THROW(world.module.objc->register_<ServicePtr>(
+                     [](const ResolverType&) { return std::make_shared<Service>(); }),
+                 Exception);
+}
+
+TEST(ProxyContainerSurfaces, OutermostResolutionsLinkTheBridgedResolverOnce) {
+    ContainerWorld world;
+    world.module.public_->register_<ServicePtr>(
+        [](const ResolverType&) { return std::make_shared<Service>(); });
+    world.module.public_->register_<std::shared_ptr<Dependency>>([](const ResolverType& r) {
+        r.resolve<ServicePtr>();
+        auto current = r.currentObjectGraphResolver(ZFObjectGraphTrait::shared);
+        EXPECT_EQ(*current->resolve<ServicePtr>(), *r.resolve<ServicePtr>());
+        return std::make_shared<Dependency>();
+    });
+    world.resolver.resolve<std::shared_ptr<Dependency>>();
+    EXPECT_EQ(world.registry->linkCount(), 1u);
+    world.resolver.resolve<ServicePtr>("missing");
+    EXPECT_EQ(world.registry->linkCount(), 1u);
+}
+
+TEST(ProxyExplain, DescribesTheLookupWithoutChangingIt) {
+    ContainerWorld world;
+    world.module.public_
+        ->register_<ServicePtr>("formal",
+                                [](const ResolverType&) { return std::make_shared<Service>(); })
+        .inScope(Scope::singleton);
+    world.module.private_->register_<ServicePtr>(
+        [](const ResolverType&) { return std::make_shared<Service>(); });
+    auto sink = std::make_shared<CapturingLogSink>();
+    ScopedLogSink scoped(sink);
+
+    const std::string text = world.resolver.explain<ServicePtr>("casual");
+    EXPECT_NE(text.find("resolving std::shared_ptr<kel::testing::Service> (name: \"casual\")"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("public container: not registered"), std::string::npos) << text;
+    EXPECT_NE(text.find("bridged resolver: asked with key \"kel::testing::Service\""),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("other registrations of this type: public container: \"formal\"; private "
+                        "container: (no name)"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(world.resolver.explain<ServicePtr>("formal").find(
+                  "public container: registered, scope singleton"),
+              std::string::npos);
+    EXPECT_NE(world.resolver.explain<int>().find("not asked (not a class type)"),
+              std::string::npos);
+    EXPECT_TRUE(sink->records().empty());
+    EXPECT_FALSE(world.resolver.resolve<ServicePtr>("casual"));
+}
+
+TEST(ContainerKeyAcrossSharedObjects, APluginFindsTheApplicationsRegistrationsAndTheReverse) {
+    void* plugin = dlopen(KEL_CONTAINER_TEST_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(plugin, nullptr) << dlerror();
+    auto resolveGreeting =
+        reinterpret_cast<PluginResolveGreeting>(dlsym(plugin, "kelPluginResolveGreeting"));
+    auto registerService =
+        reinterpret_cast<PluginRegisterService>(dlsym(plugin, "kelPluginRegisterService"));
+    auto typeWord = reinterpret_cast<PluginTypeWord>(dlsym(plugin, "kelPluginTypeWord"));
+    ASSERT_TRUE(resolveGreeting && registerService && typeWord);
+
+    ContainerWorld world;
+    world.module.public_->register_<std::shared_ptr<PluginGreeting>>([](const ResolverType&) {
+        auto greeting = std::make_shared<PluginGreeting>();
+        greeting->text = "hello from the application";
+        return greeting;
+    });
+    std::string text;
+    EXPECT_TRUE(resolveGreeting(&world.resolver, &text));
+    EXPECT_EQ(text, "hello from the application");
+    EXPECT_EQ(typeWord(), detail::typeWord<std::shared_ptr<PluginGreeting>>());
+
+    registerService(&world.container);
+    auto service = world.resolver.resolve<std::shared_ptr<PluginService>>();
+    ASSERT_TRUE(service);
+    EXPECT_EQ((*service)->answer, 7);
+}
+
+}  // namespace
+}  // namespace kel::testing
