@@ -2,6 +2,7 @@
 #include "ClosedRangeDecoding.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    kel::fuzz::decodeClosedRanges(nlohmann::json::from_cbor(data, data + size, true, false));
+    kel::fuzz::decodeClosedRanges(
+        [&] { return nlohmann::json::from_cbor(data, data + size, true, false); });
     return 0;
 }

@@ -21,7 +21,17 @@ void decodeAs(const nlohmann::json& value) {
     }
 }
 
-inline void decodeClosedRanges(const nlohmann::json& value) {
+// Parses with the JSON library, then decodes. The binary parsers of nlohmann::json 3.11 throw
+// out_of_range (408, "excessive array size") even when asked not to throw; that is the JSON
+// library's input check, not the decoder under test, so it ends the run like a parse error.
+template <class Parse>
+void decodeClosedRanges(Parse parse) {
+    nlohmann::json value;
+    try {
+        value = parse();
+    } catch (const nlohmann::json::exception&) {
+        return;
+    }
     if (value.is_discarded()) {
         return;
     }

@@ -3,6 +3,7 @@
 #include "ClosedRangeDecoding.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    kel::fuzz::decodeClosedRanges(nlohmann::json::from_msgpack(data, data + size, true, false));
+    kel::fuzz::decodeClosedRanges(
+        [&] { return nlohmann::json::from_msgpack(data, data + size, true, false); });
     return 0;
 }

@@ -1,5 +1,5 @@
 // Log-format rendering: the input is a format and its text arguments, separated by "|". The
-// rendered line has exactly the format's own line breaks (arguments cannot add any), and a
+// rendered line has no line break that the format does not have (arguments cannot add any), and a
 // redacted rendering never shows an argument that only a private conversion names.
 #include "FuzzSupport.hpp"
 
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     arguments.emplace_back(2.5);
     for (bool redact : {true, false}) {
         std::string line = kel::renderLogMessage(format, arguments, redact);
-        if (std::count(line.begin(), line.end(), '\n') !=
+        if (std::count(line.begin(), line.end(), '\n') >
             std::count(format.begin(), format.end(), '\n')) {
             kel::fuzz::fail("an argument added a line break");
         }

@@ -8,6 +8,8 @@
 
 #include <stdlib.h>
 
+#include <cstdlib>
+
 #include <filesystem>
 #include <fstream>
 
@@ -17,11 +19,17 @@ namespace fs = std::filesystem;
 
 const fs::path& scratch() {
     static const fs::path directory = [] {
-        std::string pattern = (fs::temp_directory_path() / "kel-fuzz-defaults-XXXXXX").string();
+        // Every run writes and flushes a file: memory-backed /dev/shm keeps that cheap.
+        const fs::path base =
+            fs::is_directory("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path();
+        std::string pattern = (base / "kel-fuzz-defaults-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) {
             kel::fuzz::fail("cannot create a scratch directory");
         }
-        kel::Log::setSink(std::make_shared<kel::CapturingLogSink>());
+        std::atexit([] {
+            std::error_code ignored;
+            fs::remove_all(scratch(), ignored);
+        });
         return fs::path(pattern);
     }();
     return directory;

@@ -31,6 +31,9 @@ fi
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/kel-fuzz-XXXXXX")
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:${ASAN_OPTIONS:-}"
+if [ -x /usr/lib/llvm-16/bin/llvm-symbolizer ]; then
+    export ASAN_SYMBOLIZER_PATH=/usr/lib/llvm-16/bin/llvm-symbolizer
+fi
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:${UBSAN_OPTIONS:-}"
 failed=()
 for name in "${names[@]}"; do
