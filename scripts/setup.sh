@@ -8,6 +8,7 @@ packages=(
     googletest libgtest-dev libgmock-dev
     libbenchmark-dev libboost1.81-dev libboost-thread1.81-dev libasio-dev
     libcpp-httplib-dev
+    clang-16 libclang-rt-16-dev
 )
 
 missing=()

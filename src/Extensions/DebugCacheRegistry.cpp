@@ -112,6 +112,10 @@ std::optional<fs::path> DebugCacheRegistry::filePath(std::string_view url) {
             }
             decoded += static_cast<char>(byte);
             i += 2;
+        } else if (rest[i] == '\0') {
+            // A raw NUL would end the path early in every system call: "dir\0/cache.bin"
+            // would name "dir" itself.
+            return std::nullopt;
         } else {
             decoded += rest[i];
         }

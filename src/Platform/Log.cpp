@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <string_view>
 
 namespace kel {
 
@@ -58,6 +59,37 @@ std::string LogArgument::text() const {
         value_);
 }
 
+namespace {
+
+// Appends an argument's text with control characters escaped, so that an argument can never
+// start a forged log line ("\n") or rewrite the terminal.
+void appendEscaped(std::string& out, std::string_view text) {
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else {
+            static constexpr char digits[] = "0123456789abcdef";
+            out += "\\x";
+            out += digits[byte >> 4];
+            out += digits[byte & 0xf];
+        }
+    }
+}
+
+bool isConversionModifier(char c) {
+    // printf's flags, field width, precision and length modifiers.
+    return std::string_view("-+ #0123456789.hlqjztL").find(c) != std::string_view::npos;
+}
+
+}  // namespace
+
 std::string renderLogMessage(std::string_view format, const std::vector<LogArgument>& arguments,
                              bool redactPrivate) {
     std::string out;
@@ -92,23 +124,21 @@ std::string renderLogMessage(std::string_view format, const std::vector<LogArgum
             }
             j = close + 1;
         }
-        std::string conversion;
-        while (j < format.size() && (format[j] == 'l' || format[j] == 'z' || format[j] == 'q')) {
-            conversion += format[j++];
+        while (j < format.size() && isConversionModifier(format[j])) {
+            ++j;
         }
         if (j >= format.size()) {
             out.append(format.substr(i));
             break;
         }
-        char kind = format[j];
-        if (kind != '@' && kind != 'd' && kind != 'i' && kind != 'u' && kind != 'f') {
-            out.append(format.substr(i, j - i + 1));
-            i = j + 1;
-            continue;
-        }
+        // Every conversion takes one argument, also one this renderer does not know ("%s",
+        // "%{public}s", "%x"): skipping it would shift the later arguments into other places,
+        // and a private one could land in a public place. Unknown conversions are private.
+        const char kind = format[j];
+        const bool known = kind == '@' || kind == 'd' || kind == 'i' || kind == 'u' || kind == 'f';
         i = j + 1;
-        bool isPrivate =
-            privacy == Privacy::private_ || (privacy == Privacy::unspecified && kind == '@');
+        const bool isPrivate = !known || privacy == Privacy::private_ ||
+                               (privacy == Privacy::unspecified && kind == '@');
         if (next >= arguments.size()) {
             out += "(null)";
             continue;
@@ -116,10 +146,10 @@ std::string renderLogMessage(std::string_view format, const std::vector<LogArgum
         const LogArgument& argument = arguments[next++];
         if (redactPrivate && isPrivate) {
             out += "<private>";
-        } else if (kind == '@') {
-            out += argument.text();
+        } else if (kind == 'd' || kind == 'i' || kind == 'u' || kind == 'f') {
+            appendEscaped(out, formatNumber(kind == 'f' ? "f" : "d", argument.value()));
         } else {
-            out += formatNumber(kind == 'f' ? "f" : "d", argument.value());
+            appendEscaped(out, argument.text());
         }
     }
     return out;

@@ -86,6 +86,8 @@ class MessageCatalog::PluralRule::Parser {
   private:
     // Deep enough for any real rule, shallow enough that a hostile file cannot exhaust the stack.
     static constexpr int maximumDepth = 64;
+    // Real rules have a few dozen nodes; this bounds the evaluator's recursion.
+    static constexpr std::size_t maximumNodes = 256;
 
     void skipSpace() {
         while (position_ < text_.size() && (text_[position_] == ' ' || text_[position_] == '\t' ||
@@ -116,6 +118,11 @@ class MessageCatalog::PluralRule::Parser {
 
     int make(Op op, int a = -1, int b = -1, int c = -1, unsigned long value = 0) {
         if (a < 0 && (op != Op::number && op != Op::variable)) {
+            failed_ = true;
+        }
+        // The evaluator recurses along the tree; a long chain such as n+n+...+n is as deep as
+        // it is long, so the size of the tree is bounded as well as its nesting.
+        if (nodes_.size() >= maximumNodes) {
             failed_ = true;
         }
         if (failed_) {
@@ -446,16 +453,18 @@ class MoReader {
     std::uint64_t translations_ = 0;
 };
 
-std::vector<std::string> splitForms(std::string_view translated) {
-    std::vector<std::string> forms;
-    for (;;) {
-        std::size_t end = translated.find('\0');
-        forms.emplace_back(translated.substr(0, end));
+// Form `index` of a translation whose forms are separated by NUL bytes; the first form when
+// there are fewer.
+std::string_view nthForm(std::string_view forms, unsigned long index) {
+    std::string_view rest = forms;
+    for (unsigned long k = 0; k < index; ++k) {
+        std::size_t end = rest.find('\0');
         if (end == std::string_view::npos) {
-            return forms;
+            return forms.substr(0, forms.find('\0'));
         }
-        translated.remove_prefix(end + 1);
+        rest.remove_prefix(end + 1);
     }
+    return rest.substr(0, rest.find('\0'));
 }
 
 // The value of one "Name: value" line of a catalogue's header entry.
@@ -515,10 +524,8 @@ const char libraryAnchor = 0;
 
 }  // namespace
 
-MessageCatalog::MessageCatalog(
-    std::map<std::string, std::vector<std::string>, std::less<>> messages,
-    std::shared_ptr<const PluralRule> rule, Passkey)
-    : messages_(std::move(messages)), rule_(std::move(rule)) {}
+MessageCatalog::MessageCatalog(std::string bytes, std::shared_ptr<const PluralRule> rule, Passkey)
+    : bytes_(std::move(bytes)), rule_(std::move(rule)) {}
 
 MessageCatalog::~MessageCatalog() = default;
 
@@ -532,14 +539,21 @@ std::shared_ptr<const MessageCatalog> MessageCatalog::open(const fs::path& file)
     if (!stream) {
         return nullptr;
     }
-    std::string bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    return fromBytes(
+        std::string((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>()));
+}
 
-    MoReader reader(bytes);
+std::shared_ptr<const MessageCatalog> MessageCatalog::fromBytes(std::string bytes) {
+    if (bytes.size() > maximumCatalogueSize) {
+        return nullptr;
+    }
+    // The catalogue owns the bytes first, so that its entries can refer into them.
+    auto catalogue = std::make_shared<MessageCatalog>(std::move(bytes), nullptr, Passkey{});
+    MoReader reader(catalogue->bytes_);
     if (!reader.readHeader()) {
         return nullptr;
     }
-    std::map<std::string, std::vector<std::string>, std::less<>> messages;
-    std::shared_ptr<const PluralRule> rule;
+    bool headerSeen = false;
     for (std::uint32_t i = 0; i < reader.count(); ++i) {
         std::optional<std::string_view> original = reader.original(i);
         std::optional<std::string_view> translated = reader.translated(i);
@@ -552,15 +566,21 @@ std::shared_ptr<const MessageCatalog> MessageCatalog::open(const fs::path& file)
             continue;  // an untranslated entry: lookups fall back to the key
         }
         if (key.empty()) {
-            if (auto pluralForms = headerField(*translated, "Plural-Forms")) {
-                rule = PluralRule::parse(*pluralForms);
+            // Only the first header entry counts, as for gettext.
+            if (!headerSeen) {
+                headerSeen = true;
+                if (auto pluralForms = headerField(*translated, "Plural-Forms")) {
+                    catalogue->rule_ = PluralRule::parse(*pluralForms);
+                }
             }
             continue;
         }
-        messages.emplace(std::string(key), splitForms(*translated));
+        catalogue->messages_.emplace(key, *translated);
     }
-    return std::make_shared<const MessageCatalog>(std::move(messages),
-                                                  rule ? rule : PluralRule::english(), Passkey{});
+    if (!catalogue->rule_) {
+        catalogue->rule_ = PluralRule::english();
+    }
+    return catalogue;
 }
 
 std::shared_ptr<const MessageCatalog> MessageCatalog::find(
@@ -626,21 +646,19 @@ std::shared_ptr<const MessageCatalog> MessageCatalog::library() {
 
 std::optional<std::string_view> MessageCatalog::translation(std::string_view key) const {
     auto found = messages_.find(key);
-    if (found == messages_.end() || found->second.empty()) {
+    if (found == messages_.end()) {
         return std::nullopt;
     }
-    return found->second.front();
+    return nthForm(found->second, 0);
 }
 
 std::optional<std::string_view> MessageCatalog::pluralTranslation(std::string_view key,
                                                                   unsigned long n) const {
     auto found = messages_.find(key);
-    if (found == messages_.end() || found->second.empty()) {
+    if (found == messages_.end()) {
         return std::nullopt;
     }
-    const std::vector<std::string>& forms = found->second;
-    unsigned long index = pluralIndex(n);
-    return forms[index < forms.size() ? index : 0];
+    return nthForm(found->second, pluralIndex(n));
 }
 
 unsigned long MessageCatalog::pluralIndex(unsigned long n) const {

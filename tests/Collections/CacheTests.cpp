@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -55,6 +58,79 @@ TEST(CacheWrites, RemoveAndMergeReplaceEntriesAndReadsListEachFoundKeyOnce) {
     const std::vector<std::string> keys{"d", "a", "b", "c", "b", "missing", "b"};
     const Map expected{{"b", 20}, {"c", 300}, {"d", 400}};
     EXPECT_EQ(cache->get(keys, 1h), expected);
+    EXPECT_EQ(cache->get(keys), expected);
+}
+
+// The read without a maximum age returns every listed key that has an entry, however old.
+TEST(CacheWrites, TheReadWithoutAgeListsOldEntriesToo) {
+    auto time = std::make_shared<TimePoint>(std::chrono::system_clock::now());
+    auto cache = kel::Cache<std::string, int>::make(Map{{"old", 1}}, manualClock(time));
+    *time += 24h;
+    cache->set("new", 2);
+    EXPECT_EQ(cache->get({"old", "new", "gone"}), (Map{{"old", 1}, {"new", 2}}));
+    EXPECT_EQ(cache->get({"old", "new"}, 1h), (Map{{"new", 2}}));
+    EXPECT_TRUE(cache->get(std::vector<std::string>{}).empty());
+}
+
+// A key and value type that records whether it is ever copied or destroyed while the cache's
+// lock is held: it asks another thread to take the lock (through size()) and sees whether
+// that thread gets through.
+struct LockProbe {
+    static inline std::function<void()> takeLock;  // set while a test probes a cache
+    static inline std::atomic<int> copiesUnderLock{0};
+
+    std::string text;
+
+    explicit LockProbe(std::string t) : text(std::move(t)) {}
+    LockProbe(const LockProbe& other) : text(other.text) { check(); }
+    LockProbe& operator=(const LockProbe& other) {
+        text = other.text;
+        check();
+        return *this;
+    }
+    ~LockProbe() { check(); }
+    friend bool operator==(const LockProbe& a, const LockProbe& b) { return a.text == b.text; }
+
+    static void check() {
+        if (!takeLock) {
+            return;
+        }
+        auto done = std::make_shared<std::promise<void>>();
+        std::future<void> through = done->get_future();
+        std::thread([done, takeLock = takeLock] {
+            takeLock();
+            done->set_value();
+        }).detach();
+        if (through.wait_for(10s) != std::future_status::ready) {
+            ++copiesUnderLock;
+        }
+    }
+};
+
+struct LockProbeHash {
+    std::size_t operator()(const LockProbe& probe) const {
+        return std::hash<std::string>()(probe.text);
+    }
+};
+
+TEST(CacheConcurrency, NoKeyOrValueIsCopiedOrDestroyedUnderTheLock) {
+    using ProbeCache = kel::Cache<LockProbe, LockProbe, LockProbeHash>;
+    auto cache = ProbeCache::make();
+    auto other = ProbeCache::make();
+    LockProbe::takeLock = [cache] { (void)cache->size(); };
+    cache->set(LockProbe("a"), LockProbe("1"));
+    cache->set(LockProbe("a"), LockProbe("2"));  // replaced: the old value dies
+    (void)cache->get(LockProbe("a"));
+    (void)cache->get(LockProbe("a"), 1h);
+    (void)cache->get({LockProbe("a"), LockProbe("b")});
+    (void)cache->get({LockProbe("a")}, 1h);
+    *other += *cache;  // copies out of `cache` under its lock
+    *cache += *other;
+    *cache += std::vector<std::pair<LockProbe, LockProbe>>{{LockProbe("b"), LockProbe("3")}};
+    cache->remove(LockProbe("a"));
+    LockProbe::takeLock = nullptr;
+    EXPECT_EQ(LockProbe::copiesUnderLock, 0);
+    EXPECT_EQ(cache->get(LockProbe("b")), LockProbe("3"));
 }
 
 // Readers and writers on real threads: every value read must be one that some writer stored

@@ -57,6 +57,18 @@ TEST(DoublyLinkedList, RemovesHeadMiddleTailAndTheOnlyNode) {
     EXPECT_EQ(contents(list), (std::vector<int>{0, 1}));
 }
 
+// Unlinking a node twice, or one never added, would rewire the list around a stale neighbour.
+TEST(DoublyLinkedListDeathTest, RemovingANodeThatIsNotInTheListStopsTheProcess) {
+    List list;
+    auto nodes = appendNodes(list, 3);
+    list.remove(nodes[1]);
+    EXPECT_DEATH(list.remove(nodes[1]), "removing a node that is not in the list");
+    EXPECT_DEATH(list.remove(kel::Node<int>::make(9)), "removing a node that is not in the list");
+    list.remove(nodes[2]);
+    EXPECT_DEATH(list.remove(nodes[2]), "removing a node that is not in the list");
+    EXPECT_EQ(contents(list), (std::vector<int>{1}));
+}
+
 TEST(DoublyLinkedListNodeLifetime, BackwardLinksNeverKeepNodesAliveAndLongListsFreeIteratively) {
     std::vector<std::weak_ptr<kel::Node<int>>> watched;
     {

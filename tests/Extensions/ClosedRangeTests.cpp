@@ -5,8 +5,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -49,6 +51,36 @@ TEST(ClosedRangeCoding, BadInputThrowsAnErrorThatSaysWhatWasWrong) {
             EXPECT_THAT(error.what(), ::testing::HasSubstr(complaint)) << text;
         }
     }
+}
+
+// Decoders of binary formats (CBOR, MessagePack) accept text that is not UTF-8 and floats of
+// any size: both must end in the library's decoding error, never in the JSON library's
+// type_error or an out-of-range cast.
+TEST(ClosedRangeCoding, InvalidTextAndOutOfRangeNumbersGiveTheDecodingError) {
+    const json invalidText = json::from_cbor(
+        std::vector<std::uint8_t>{0x82, 0x62, 0xff, 0xfe, 0x62, 'z', 'z'});  // ["\xff\xfe", "zz"]
+    const json hugeFloat = json::from_msgpack(std::vector<std::uint8_t>{
+        0x92, 0x00, 0xcb, 0x7e, 0x37, 0xe4, 0x3c, 0x88, 0x00, 0x75, 0x9c});  // [0, 1e300]
+    const std::pair<json, std::string> cases[] = {
+        {invalidText, "is above upper bound"},
+        {hugeFloat, "upper bound 1e+300 is out of range"},
+        {json::parse("[-3000000000, 0]"), "lower bound -3000000000 is out of range"},
+        {json::parse("[0, 2147483648.0]"), "out of range"},
+    };
+    for (const auto& [input, complaint] : cases) {
+        try {
+            if (input[0].is_string()) {
+                (void)input.get<ClosedRange<std::string>>();
+            } else {
+                (void)input.get<ClosedRange<int>>();
+            }
+            ADD_FAILURE() << complaint << ": decoded";
+        } catch (const ClosedRangeDecodingError& error) {
+            EXPECT_THAT(error.what(), ::testing::HasSubstr(complaint));
+        }
+    }
+    EXPECT_EQ(json::parse("[-2147483648, 2147483647.5]").get<ClosedRange<int>>(),
+              ClosedRange<int>(-2147483647 - 1, 2147483647));
 }
 
 }  // namespace

@@ -131,4 +131,20 @@ TEST(DebugCacheRegistryURLs, PathsAndFileURLsRoundTrip) {
     }
 }
 
+// A raw NUL inside a registered URL would cut the path short: "dir\0/cache.bin" would remove
+// the directory "dir" and everything in it.
+TEST_F(DebugCacheRegistryClear, ARawNulByteInAFileURLRemovesNothing) {
+    fs::path kept = touch("dir/cache.bin");
+    fs::path data = touch("data.json");
+    using namespace std::string_literals;
+    const std::string nulInside = DebugCacheRegistry::fileURL(directory_ / "dir") + "\0/cache.bin"s;
+    const std::string nulAtEnd = DebugCacheRegistry::fileURL(data) + "\0.tmp"s;
+    EXPECT_EQ(DebugCacheRegistry::filePath(nulInside), std::nullopt);
+    registry_.registerFileURL(nulInside);
+    registry_.registerFileURL(nulAtEnd);
+    clear();
+    EXPECT_TRUE(fs::exists(kept));
+    EXPECT_TRUE(fs::exists(data));
+}
+
 }  // namespace

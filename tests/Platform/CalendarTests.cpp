@@ -63,4 +63,34 @@ TEST(CalendarDifference, DaysFollowTheWallClockAcrossDaylightSavingChanges) {
     EXPECT_EQ(difference(autumn, local(2026, 10, 25) - 30min), (DateComponents{0, 0, 0, 24, 30}));
 }
 
+// When clocks go back, 02:00-03:00 occurs twice; a moment in the first occurrence must not be
+// taken for the second (an hour later) when it is turned back into a moment.
+TEST(CalendarDifference, TheRepeatedAutumnHourKeepsItsOccurrence) {
+    kel::testing::ScopedEnvironment environment;
+    environment.set("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    // 25 October 2026, 00:30 UTC is 02:30 CEST, the first 02:30 of the day.
+    const Clock::time_point firstOccurrence = Clock::from_time_t(1792888200);
+    EXPECT_EQ(difference(firstOccurrence, firstOccurrence + 10min),
+              (DateComponents{0, 0, 0, 0, 10}));
+    EXPECT_EQ(difference(firstOccurrence, firstOccurrence + 80min),
+              (DateComponents{0, 0, 0, 1, 20}));
+    EXPECT_EQ(difference(firstOccurrence + 10min, firstOccurrence),
+              (DateComponents{0, 0, 0, 0, -10}));
+    EXPECT_EQ(difference(firstOccurrence - 24h, firstOccurrence + 30min),
+              (DateComponents{0, 0, 1, 0, 30}));
+}
+
+// The extremes of system_clock are moments like any other: no overflow on the way.
+TEST(CalendarDifference, TheClocksExtremesDoNotOverflow) {
+    kel::testing::ScopedEnvironment environment;
+    environment.set("TZ", "UTC0");
+    const Clock::time_point earliest = Clock::time_point::min();
+    const Clock::time_point latest = Clock::time_point::max();
+    EXPECT_EQ(difference(earliest, earliest + 90s), (DateComponents{0, 0, 0, 0, 1}));
+    EXPECT_EQ(difference(latest - 90s, latest), (DateComponents{0, 0, 0, 0, 1}));
+    const DateComponents span = difference(earliest, latest);
+    EXPECT_EQ(span.year, 584);
+    EXPECT_EQ(difference(latest, earliest).year, -584);
+}
+
 }  // namespace

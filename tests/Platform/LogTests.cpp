@@ -27,11 +27,25 @@ TEST(LogRendering, NumbersAndOddFormats) {
         {"missing %@ and %{public}@", {"one"}, false, "missing one and (null)"},
         {"trailing %", {}, false, "trailing %"},
         {"unclosed %{public", {"x"}, false, "unclosed %{public"},
-        {"odd %q and %s", {"x"}, false, "odd %q and %s"},
     };
     for (const auto& [format, arguments, redact, expected] : cases) {
         EXPECT_EQ(kel::renderLogMessage(format, arguments, redact), expected) << format;
     }
+}
+
+// An unknown conversion still takes its argument, as private, so that the arguments after it
+// keep their places; arguments cannot forge a second line.
+TEST(LogRendering, UnknownConversionsTakeTheirArgumentPrivatelyAndArgumentsCannotForgeLines) {
+    std::vector<kel::LogArgument> arguments{"secret-token", "file.txt", 7};
+    EXPECT_EQ(kel::renderLogMessage("token %s opened %{public}@ (%d)", arguments, true),
+              "token <private> opened file.txt (7)");
+    EXPECT_EQ(kel::renderLogMessage("token %{public}s opened %{public}@", arguments, true),
+              "token <private> opened file.txt");
+    EXPECT_EQ(kel::renderLogMessage("token %-08.3ls opened %{public}@", arguments, false),
+              "token secret-token opened file.txt");
+    EXPECT_EQ(
+        kel::renderLogMessage("removing %{public}@", {"a.json\nError: disk wiped\r\x1b[2J"}, true),
+        "removing a.json\\nError: disk wiped\\r\\x1b[2J");
 }
 
 TEST(LogSinks, CapturingSinkRecordsEveryLineFromManyThreadsThenRestores) {

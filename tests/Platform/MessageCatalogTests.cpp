@@ -122,6 +122,51 @@ TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
     }
 }
 
+// A chain of binary operators is as deep as it is long for the evaluator; a hostile rule of
+// 200,000 terms falls back to the English rule instead of exhausting the stack.
+TEST(MessageCatalogBytes, LongOperatorChainsFallBackToTheEnglishRule) {
+    std::string chain = "n";
+    for (int i = 1; i < 200000; ++i) {
+        chain += "+n";
+    }
+    auto catalogue = kel::MessageCatalog::fromBytes(
+        compileCatalogue({pluralForms("nplurals=2; plural=" + chain + ";"),
+                          {std::string("a\0b", 3), std::string("one\0other", 9)}}));
+    ASSERT_NE(catalogue, nullptr);
+    EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
+    EXPECT_EQ(catalogue->pluralTranslation("a", 7), "other");
+}
+
+// Every entry of a catalogue may point at the same large string full of NUL bytes (forms);
+// the catalogue refers into its bytes instead of copying and splitting each entry.
+TEST(MessageCatalogBytes, EntriesSharingOneLargeStringCostNoCopies) {
+    constexpr std::uint32_t count = 4096;
+    const std::string forms(1 << 20, '\0');
+    std::string bytes;
+    auto word = [&](std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            bytes += static_cast<char>((value >> (8 * i)) & 0xff);
+        }
+    };
+    const std::uint32_t tables = 28, strings = 28 + 16 * count;
+    for (std::uint32_t value : {0x950412deu, 0u, count, tables, tables + 8 * count, 0u, 0u}) {
+        word(value);
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {  // originals: "k" followed by distinct bytes
+        word(1 + i % 7);
+        word(strings + i % 64);
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {  // translations: all the same large string
+        word(static_cast<std::uint32_t>(forms.size()));
+        word(strings);
+    }
+    bytes += std::string(64, 'k') + forms;
+    auto catalogue = kel::MessageCatalog::fromBytes(std::move(bytes));
+    ASSERT_NE(catalogue, nullptr);
+    EXPECT_EQ(catalogue->pluralTranslation("kk", 1), std::string(64, 'k'));
+    EXPECT_EQ(catalogue->pluralTranslation("kk", 2), "");
+}
+
 TEST_F(MessageCatalogFiles, FindTakesTheFirstLanguageThatHasACatalogue) {
     open(compileCatalogue({{"Now", "Maintenant"}}), "fr/LC_MESSAGES/Domain.mo");
     open(compileCatalogue({{"Now", "Now"}}), "en/LC_MESSAGES/Domain.mo");

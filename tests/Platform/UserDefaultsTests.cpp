@@ -1,17 +1,23 @@
 #include "kel/Platform/UserDefaults.hpp"
 
+#include "kel/Platform/DomainError.hpp"
 #include "kel/Platform/Log.hpp"
 
 #include "ScopedEnvironment.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +25,14 @@
 namespace {
 
 using nlohmann::json;
+
+std::set<std::string> entries(const std::filesystem::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.insert(entry.path().filename().string());
+    }
+    return names;
+}
 
 std::string readFile(const std::filesystem::path& file) {
     std::ifstream stream(file, std::ios::binary);
@@ -50,6 +64,23 @@ TEST_F(UserDefaultsStore, ValuesSurviveAReopenAndReadBackTyped) {
     EXPECT_EQ(reopened->value<int>("name"), std::nullopt);
 }
 
+// The JSON library's own conversion casts without a range check; a number the type cannot
+// hold gives no value.
+TEST_F(UserDefaultsStore, NumbersOutsideTheRequestedTypeGiveNoValue) {
+    auto defaults = kel::UserDefaults::atPath(file_);
+    ASSERT_EQ(defaults->set("huge", 1e300), nullptr);
+    ASSERT_EQ(defaults->set("big", 1LL << 40), nullptr);
+    ASSERT_EQ(defaults->set("negative", -1), nullptr);
+    ASSERT_EQ(defaults->set("edge", -2147483648.5), nullptr);
+    EXPECT_EQ(defaults->value<int>("huge"), std::nullopt);
+    EXPECT_EQ(defaults->value<float>("huge"), std::nullopt);
+    EXPECT_EQ(defaults->value<int>("big"), std::nullopt);
+    EXPECT_EQ(defaults->value<long long>("big"), 1LL << 40);
+    EXPECT_EQ(defaults->value<unsigned>("negative"), std::nullopt);
+    EXPECT_EQ(defaults->value<int>("edge"), -2147483647 - 1);
+    EXPECT_EQ(defaults->value<double>("huge"), 1e300);
+}
+
 // Two stores for one file would each write their own keys and lose the other's.
 TEST_F(UserDefaultsStore, OneStorePerFileAndConcurrentWritersLoseNoKey) {
     auto first = kel::UserDefaults::atPath(file_);
@@ -70,12 +101,15 @@ TEST_F(UserDefaultsStore, OneStorePerFileAndConcurrentWritersLoseNoKey) {
     EXPECT_EQ(kel::UserDefaults::atPath(file_)->dictionaryRepresentation().size(), 40u);
 }
 
-TEST_F(UserDefaultsStore, ACrashWhileWritingLeavesTheOldFileIntact) {
+TEST_F(UserDefaultsStore, ACrashWhileWritingLeavesTheOldFileIntactAndTheNextWriterCleansUp) {
     auto defaults = kel::UserDefaults::atPath(file_);
-    defaults->set("version", 1);
-    defaults->set("version", 2);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(file_.parent_path()), {}), 1)
+    ASSERT_EQ(defaults->set("version", 1), nullptr);
+    std::filesystem::permissions(file_, std::filesystem::perms(0640));
+    ASSERT_EQ(defaults->set("version", 2), nullptr);
+    EXPECT_EQ(entries(file_.parent_path()), (std::set<std::string>{".app.json.lock", "app.json"}))
         << "a successful write leaves no temporary file";
+    EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0640))
+        << "the replaced file's mode is kept";
     const std::string before = readFile(file_);
 
     // The child dies of SIGXFSZ while writing new contents that outgrow its file-size limit:
@@ -86,24 +120,26 @@ TEST_F(UserDefaultsStore, ACrashWhileWritingLeavesTheOldFileIntact) {
         signal(SIGXFSZ, SIG_DFL);
         rlimit limit{4096, 4096};
         setrlimit(RLIMIT_FSIZE, &limit);
-        defaults->set("payload", std::string(64 * 1024, 'x'));
+        (void)defaults->set("payload", std::string(64 * 1024, 'x'));
         _exit(0);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ);
-
     EXPECT_EQ(readFile(file_), before);
+    EXPECT_EQ(entries(file_.parent_path()).size(), 3u) << "the crashed write's temporary file";
+
     defaults.reset();
     auto reopened = kel::UserDefaults::atPath(file_);
     EXPECT_EQ(reopened->dictionaryRepresentation(), (json{{"version", 2}}));
-    // The half-written temporary file left behind does not stop later writes.
-    reopened->set("version", 3);
+    EXPECT_EQ(reopened->set("version", 3), nullptr);
     EXPECT_EQ(json::parse(readFile(file_)), (json{{"version", 3}}));
+    EXPECT_EQ(entries(file_.parent_path()), (std::set<std::string>{".app.json.lock", "app.json"}));
 }
 
-TEST_F(UserDefaultsStore, AnUnreadableFileOpensEmptyAndIsReplacedByTheNextChange) {
+TEST_F(UserDefaultsStore, AnUnparsableFileIsMovedAsideNeverOverwritten) {
     std::filesystem::create_directories(file_.parent_path());
+    std::ofstream(file_.string() + ".corrupt") << "an older corrupt copy";
     std::ofstream(file_) << "{ not json";
     auto capture = std::make_shared<kel::CapturingLogSink>();
     kel::ScopedLogSink scope(capture);
@@ -112,8 +148,145 @@ TEST_F(UserDefaultsStore, AnUnreadableFileOpensEmptyAndIsReplacedByTheNextChange
     EXPECT_EQ(defaults->dictionaryRepresentation(), json::object());
     ASSERT_EQ(capture->records().size(), 1u);
     EXPECT_EQ(capture->records()[0].level, kel::LogLevel::error);
-    defaults->set("fresh", true);
+    EXPECT_EQ(defaults->set("fresh", true), nullptr);
     EXPECT_EQ(json::parse(readFile(file_)), (json{{"fresh", true}}));
+    EXPECT_EQ(readFile(file_.string() + ".corrupt"), "an older corrupt copy");
+    EXPECT_EQ(readFile(file_.string() + ".corrupt.1"), "{ not json");
+    ASSERT_EQ(capture->records().size(), 2u);
+    EXPECT_EQ(capture->records()[1].level, kel::LogLevel::error);
+    EXPECT_NE(capture->messages()[1].find(file_.string() + ".corrupt.1"), std::string::npos);
+}
+
+// A file that exists but cannot be read is not an empty store: a change would overwrite what
+// the user has. Every change is refused, with an error value and an error line.
+TEST_F(UserDefaultsStore, AFileThatCannotBeReadRefusesChangesAndIsLeftAlone) {
+    // A directory in the file's place: open succeeds, read fails (EISDIR).
+    std::filesystem::create_directories(file_ / "inside");
+    auto capture = std::make_shared<kel::CapturingLogSink>();
+    kel::ScopedLogSink scope(capture);
+    auto defaults = kel::UserDefaults::atPath(file_);
+    kel::Error error = defaults->set("key", 1);
+    auto domainError = kel::errorAs<kel::DomainError>(error);
+    ASSERT_TRUE(domainError.has_value());
+    EXPECT_EQ(domainError->domain(), kel::UserDefaults::errorDomain);
+    EXPECT_EQ(domainError->code(), EISDIR);
+    EXPECT_EQ(defaults->value<int>("key"), std::nullopt);
+    EXPECT_TRUE(std::filesystem::exists(file_ / "inside"));
+    ASSERT_FALSE(capture->records().empty());
+    EXPECT_EQ(capture->records().back().level, kel::LogLevel::error);
+}
+
+// Permission denied (EACCES): the file is readable only by its owner, in a directory anyone
+// may write to, and another user changes the store. Root reads everything, so the change is
+// made by a child that has given up root.
+TEST_F(UserDefaultsStore, AFileWithoutReadPermissionKeepsItsContents) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to act as another user";
+    }
+    ASSERT_EQ(kel::UserDefaults::atPath(file_)->set("owner", "root"), nullptr);
+    const std::string before = readFile(file_);
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms(0711));
+    std::filesystem::permissions(file_.parent_path(), std::filesystem::perms(0777));
+    std::filesystem::permissions(file_, std::filesystem::perms(0600));
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        kel::Log::setSink(std::make_shared<kel::CapturingLogSink>());
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            _exit(2);
+        }
+        auto store = kel::UserDefaults::atPath(file_);
+        kel::Error error = store->set("intruder", true);
+        auto domainError = kel::errorAs<kel::DomainError>(error);
+        _exit(domainError && domainError->code() == EACCES ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(readFile(file_), before);
+}
+
+// No descriptor left (EMFILE) when the store is opened: the store reads as empty, but its next
+// change re-reads the file and keeps every key.
+TEST_F(UserDefaultsStore, ExhaustedDescriptorsNeverLoseKeys) {
+#if defined(__SANITIZE_ADDRESS__)
+    // UndefinedBehaviorSanitizer probes memory through a pipe; without descriptors its type
+    // checks report objects that are fine.
+    GTEST_SKIP() << "the sanitizers need free descriptors";
+#endif
+    ASSERT_EQ(kel::UserDefaults::atPath(file_)->set("kept", 1), nullptr);
+    rlimit original{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
+    rlimit lowered = original;
+    lowered.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    std::vector<int> held;
+    for (int descriptor; (descriptor = ::dup(0)) >= 0;) {
+        held.push_back(descriptor);
+    }
+    auto defaults = kel::UserDefaults::atPath(file_);
+    kel::Error refused = defaults->set("added", 2);
+    for (int descriptor : held) {
+        ::close(descriptor);
+    }
+    setrlimit(RLIMIT_NOFILE, &original);
+
+    EXPECT_EQ(kel::errorAs<kel::DomainError>(refused).value_or(kel::DomainError("", 0)).code(),
+              EMFILE);
+    EXPECT_EQ(defaults->dictionaryRepresentation(), json::object());
+    EXPECT_EQ(defaults->set("added", 2), nullptr);
+    EXPECT_EQ(json::parse(readFile(file_)), (json{{"kept", 1}, {"added", 2}}));
+}
+
+// Two processes writing one store: each write re-reads under the file lock and applies only its
+// own change, so neither loses the other's keys. The writers are this test binary run again
+// with only the helper test below selected.
+TEST_F(UserDefaultsStore, TwoProcessesWritingOneStoreLoseNoKey) {
+    constexpr int writes = 40;
+    std::vector<pid_t> writers;
+    for (const char* name : {"a", "b"}) {
+        std::string filter = "--gtest_filter=UserDefaultsWriterProcess.*";
+        std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+        std::vector<std::string> environment{"KEL_DEFAULTS_WRITER_FILE=" + file_.string(),
+                                             std::string("KEL_DEFAULTS_WRITER_NAME=") + name,
+                                             "KEL_DEFAULTS_WRITER_COUNT=" + std::to_string(writes)};
+        char* argv[] = {self.data(), filter.data(), nullptr};
+        std::vector<char*> envp;
+        for (std::string& entry : environment) {
+            envp.push_back(entry.data());
+        }
+        envp.push_back(nullptr);
+        posix_spawn_file_actions_t quiet;
+        posix_spawn_file_actions_init(&quiet);
+        posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        pid_t child = 0;
+        int spawned = posix_spawn(&child, self.c_str(), &quiet, nullptr, argv, envp.data());
+        posix_spawn_file_actions_destroy(&quiet);
+        ASSERT_EQ(spawned, 0);
+        writers.push_back(child);
+    }
+    for (pid_t child : writers) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    json stored = json::parse(readFile(file_));
+    EXPECT_EQ(stored.size(), 2u * writes);
+}
+
+TEST(UserDefaultsWriterProcess, WritesItsKeysWhenRunAsAHelper) {
+    const char* file = std::getenv("KEL_DEFAULTS_WRITER_FILE");
+    if (file == nullptr) {
+        GTEST_SKIP() << "a helper process of TwoProcessesWritingOneStoreLoseNoKey";
+    }
+    kel::Log::setSink(std::make_shared<kel::CapturingLogSink>());
+    const std::string name = std::getenv("KEL_DEFAULTS_WRITER_NAME");
+    const int count = std::atoi(std::getenv("KEL_DEFAULTS_WRITER_COUNT"));
+    auto defaults = kel::UserDefaults::atPath(file);
+    for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(defaults->set(name + std::to_string(i), i), nullptr);
+    }
 }
 
 TEST(UserDefaultsStandard, LivesInTheUserConfigurationDirectoryNamedAfterTheProgram) {

@@ -12,10 +12,12 @@
 // Thread rules: any thread may call any member, concurrently. One UnfairLock guards the
 // entries; no user code runs under it except the key's hash and equality (which must not call
 // back into the cache):
-//   - values that are trivially copyable and small are stored inline and copied with the
-//     entry; every other value is stored as a std::shared_ptr<const Value>, so that a read
-//     copies a pointer under the lock and copies the value itself after releasing it, and a
-//     replaced or removed value is destroyed after the lock is released;
+//   - when key and value are both trivially copyable and the value is small, the value is
+//     stored inline and copied bytewise with the entry; otherwise the value is stored with a
+//     copy of its key in one std::shared_ptr<const Payload>, so that a read copies a pointer
+//     under the lock and copies the value itself after releasing it, merging a whole cache
+//     copies pointers under its lock and the keys after it, and a replaced or removed value is
+//     destroyed after the lock is released;
 //   - a single-key set builds the entry (value and time stamp) before taking the lock and swaps
 //     it into place; for a new key it also builds the map node outside the lock and splices it
 //     in, so nothing is allocated under the lock but the map's own bucket growth;
@@ -82,7 +84,7 @@ class Cache {
     template <detail::CachePairRange<Key, Value> Values>
     explicit Cache(const Values& values, Clock clock = {}) : clock_(std::move(clock)) {
         for (const auto& [key, value] : values) {
-            entries_.insert_or_assign(key, Entry{store(value), now()});
+            entries_.insert_or_assign(key, Entry{store(key, value), now()});
         }
     }
 
@@ -131,7 +133,7 @@ class Cache {
 
     // Stores a value under a key, replacing any entry with a new one stamped now.
     void set(Key key, Value value) {
-        Entry entry{store(std::move(value)), now()};
+        Entry entry{store(key, std::move(value)), now()};
         {
             std::lock_guard guard(lock_);
             auto found = entries_.find(key);
@@ -169,7 +171,7 @@ class Cache {
             nodes.reserve(std::ranges::size(values));
         }
         for (const auto& [key, value] : values) {
-            nodes.push_back(makeNode(key, Entry{store(value), now()}));
+            nodes.push_back(makeNode(key, Entry{store(key, value), now()}));
         }
         {
             std::lock_guard guard(lock_);
@@ -180,15 +182,29 @@ class Cache {
         return *this;
     }
 
-    // Stores every entry of another cache (or of this one) as a new entry stamped now. The
-    // other cache's keys are copied while its lock is held.
+    // Stores every entry of another cache (or of this one) as a new entry stamped now. Under
+    // the other cache's lock only entries are copied (bytes or shared pointers); keys and
+    // values are copied after it is released.
     Cache& operator+=(const Cache& other) {
-        std::vector<std::pair<Key, Entry>> contents;
-        other.copyContents(contents);
         std::vector<Node> nodes;
-        nodes.reserve(contents.size());
-        for (auto& [key, entry] : contents) {
-            nodes.push_back(makeNode(std::move(key), Entry{std::move(entry.value), now()}));
+        if constexpr (storesInline) {
+            std::vector<std::pair<Key, Entry>> contents;
+            other.copyContents(contents, [](const Key& key, const Entry& entry) {
+                return std::pair<Key, Entry>(key, entry);  // bytewise: both trivially copyable
+            });
+            nodes.reserve(contents.size());
+            for (auto& [key, entry] : contents) {
+                nodes.push_back(makeNode(key, Entry{entry.value, now()}));
+            }
+        } else {
+            std::vector<Stored> contents;
+            other.copyContents(contents,
+                               [](const Key&, const Entry& entry) { return entry.value; });
+            nodes.reserve(contents.size());
+            for (Stored& stored : contents) {
+                const Key& key = stored->key;
+                nodes.push_back(makeNode(key, Entry{std::move(stored), now()}));
+            }
         }
         {
             std::lock_guard guard(lock_);
@@ -223,10 +239,16 @@ class Cache {
     }
 
   private:
-    // Small trivially copyable values are copied under the lock (a plain memory copy, no user
-    // code); everything else is shared so that only a pointer is copied under the lock.
-    static constexpr bool storesInline = std::is_trivially_copyable_v<Value> && sizeof(Value) <= 64;
-    using Stored = std::conditional_t<storesInline, Value, std::shared_ptr<const Value>>;
+    // Small trivially copyable values of trivially copyable keys are copied under the lock (a
+    // plain memory copy, no user code); everything else is shared, with a copy of its key, so
+    // that only a pointer is copied under the lock.
+    static constexpr bool storesInline = std::is_trivially_copyable_v<Value> &&
+                                         sizeof(Value) <= 64 && std::is_trivially_copyable_v<Key>;
+    struct Payload {
+        Key key;
+        Value value;
+    };
+    using Stored = std::conditional_t<storesInline, Value, std::shared_ptr<const Payload>>;
 
     struct Entry {
         Stored value;
@@ -237,11 +259,11 @@ class Cache {
     using Node = typename Map::node_type;
 
     template <class V>
-    static Stored store(V&& value) {
+    static Stored store(const Key& key, V&& value) {
         if constexpr (storesInline) {
             return Value(std::forward<V>(value));
         } else {
-            return std::make_shared<const Value>(std::forward<V>(value));
+            return std::make_shared<const Payload>(Payload{key, Value(std::forward<V>(value))});
         }
     }
 
@@ -249,7 +271,7 @@ class Cache {
         if constexpr (storesInline) {
             return stored;
         } else {
-            return *stored;
+            return stored->value;
         }
     }
 
@@ -317,7 +339,10 @@ class Cache {
         return result;
     }
 
-    void copyContents(std::vector<std::pair<Key, Entry>>& contents) const {
+    // Copies what `copy` makes of every entry; `copy` must run no user code (it copies
+    // trivially copyable data or shared pointers), as it runs under the lock.
+    template <class Item, class Copy>
+    void copyContents(std::vector<Item>& contents, Copy copy) const {
         std::unique_lock guard(lock_);
         // Reserve outside the lock; retry if the cache grew meanwhile.
         while (contents.capacity() < entries_.size()) {
@@ -327,7 +352,7 @@ class Cache {
             guard.lock();
         }
         for (const auto& [key, entry] : entries_) {
-            contents.emplace_back(key, entry);
+            contents.push_back(copy(key, entry));
         }
     }
 

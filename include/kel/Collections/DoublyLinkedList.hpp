@@ -7,11 +7,16 @@
 // node by node in a loop, never by recursion, so lists of any length can be dropped.
 //
 // The list trusts its caller as a lightweight intrusive list does: append and prepend take
-// unlinked nodes, and remove takes a node of this list (it is not searched for).
+// unlinked nodes, and remove takes a node of this list (it is not searched for). Removing a
+// node that is in no list any more (already removed, or never added) would corrupt the list,
+// so it stops the process (KEL_PRECONDITION): such a node is not the head and has no living
+// predecessor that links to it.
 //
 // Both types are reference types: non-copyable, shared-owned. Thread rules: no locking; one
 // thread at a time for a list and its nodes.
 #pragma once
+
+#include "kel/Platform/FatalError.hpp"
 
 #include <memory>
 #include <utility>
@@ -90,6 +95,8 @@ class DoublyLinkedList {
         // neighbour's link.
         const NodePointer removed = node;
         const NodePointer before = removed->previous.lock();
+        KEL_PRECONDITION(removed == head_ || (before && before->next == removed),
+                         "DoublyLinkedList: removing a node that is not in the list");
         if (removed == head_) {
             head_ = removed->next;
             if (head_) {

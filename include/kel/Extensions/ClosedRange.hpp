@@ -15,6 +15,7 @@
 #pragma once
 
 #include "kel/Platform/FatalError.hpp"
+#include "kel/Platform/detail/JSONNumber.hpp"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -97,19 +98,32 @@ struct adl_serializer<kel::ClosedRange<T>> {
         T lower = decodeBound(json[0], "lower");
         T upper = decodeBound(json[1], "upper");
         if (upper < lower) {
-            throw kel::ClosedRangeDecodingError("lower bound " + json[0].dump() +
-                                                " is above upper bound " + json[1].dump());
+            throw kel::ClosedRangeDecodingError("lower bound " + text(json[0]) +
+                                                " is above upper bound " + text(json[1]));
         }
         return kel::ClosedRange<T>(std::move(lower), std::move(upper));
     }
 
   private:
+    // The element as JSON text for a message. Text that is not valid UTF-8 is shown with
+    // replacement characters: a plain dump() would throw the JSON library's own error.
+    template <class Json>
+    static std::string text(const Json& element) {
+        return element.dump(-1, ' ', false, Json::error_handler_t::replace);
+    }
+
     template <class Json>
     static T decodeBound(const Json& element, const char* which) {
+        // The JSON library converts numbers with an unchecked cast: a number outside T's range
+        // would be undefined behaviour.
+        if (!kel::detail::jsonNumberFits<T>(element)) {
+            throw kel::ClosedRangeDecodingError(std::string(which) + " bound " + text(element) +
+                                                " is out of range");
+        }
         try {
             return element.template get<T>();
         } catch (const typename Json::exception& error) {
-            throw kel::ClosedRangeDecodingError(std::string(which) + " bound " + element.dump() +
+            throw kel::ClosedRangeDecodingError(std::string(which) + " bound " + text(element) +
                                                 " has the wrong type (" + error.what() + ")");
         }
     }

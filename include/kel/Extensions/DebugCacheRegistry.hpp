@@ -53,7 +53,9 @@ class DebugCacheRegistry {
 
     // The file URL of a path ("/tmp/a b" -> "file:///tmp/a%20b"), made absolute first.
     static std::string fileURL(const std::filesystem::path& path);
-    // The path of a file URL, or nothing when the text is not a local file URL.
+    // The path of a file URL, or nothing when the text is not a local file URL or holds a NUL
+    // byte, raw or percent-encoded (no file name holds one, and a system call would stop at it:
+    // "file:///c/dir\0/cache.bin" would name the directory "/c/dir").
     static std::optional<std::filesystem::path> filePath(std::string_view url);
 
   private:

@@ -70,7 +70,10 @@ struct LogRecord {
 };
 
 // Renders a format with its arguments (see the placeholder list above). Missing arguments
-// render as "(null)"; unknown conversions are copied through unchanged.
+// render as "(null)". A conversion the renderer does not know ("%s", "%{public}x") still takes
+// its argument and treats it as private, so later arguments never shift into other places.
+// Control characters in arguments are escaped ("\n" reads as a backslash and "n"), so an
+// argument cannot start a second log line.
 std::string renderLogMessage(std::string_view format, const std::vector<LogArgument>& arguments,
                              bool redactPrivate);
 

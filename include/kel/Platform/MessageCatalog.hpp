@@ -15,7 +15,9 @@
 // the library, where the build tree keeps them. The choice is made once per process.
 //
 // Plural forms follow the catalogue's "Plural-Forms" header (the C-like expression of gettext,
-// e.g. "nplurals=2; plural=(n != 1);"); a catalogue without one uses the English rule.
+// e.g. "nplurals=2; plural=(n != 1);"); a catalogue without one, or with one that does not
+// parse or is larger than any real rule (over 256 operators and operands, or nested deeper than
+// 64), uses the English rule.
 //
 // Thread rules: a MessageCatalog is immutable once read; any thread may use it concurrently.
 // library() may be called from any thread; its first call reads the file.
@@ -43,6 +45,12 @@ class MessageCatalog {
     // catalogue.
     static std::shared_ptr<const MessageCatalog> open(const std::filesystem::path& file);
 
+    // The catalogue held in `bytes` (the contents of a .mo file); nothing when they are not a
+    // valid catalogue. Entries refer into the bytes rather than copying them, so a catalogue
+    // takes memory in proportion to its size whatever its tables point at (entries may share
+    // or overlap strings).
+    static std::shared_ptr<const MessageCatalog> fromBytes(std::string bytes);
+
     // The catalogue of the first language in `languages` that has one in
     // <directory>/<language>/LC_MESSAGES/<domain>.mo.
     static std::shared_ptr<const MessageCatalog> find(const std::filesystem::path& directory,
@@ -61,8 +69,7 @@ class MessageCatalog {
 
     class PluralRule;
 
-    MessageCatalog(std::map<std::string, std::vector<std::string>, std::less<>> messages,
-                   std::shared_ptr<const PluralRule> rule, Passkey);
+    MessageCatalog(std::string bytes, std::shared_ptr<const PluralRule> rule, Passkey);
     ~MessageCatalog();
     MessageCatalog(const MessageCatalog&) = delete;
     MessageCatalog& operator=(const MessageCatalog&) = delete;
@@ -78,8 +85,10 @@ class MessageCatalog {
     unsigned long pluralIndex(unsigned long n) const;
 
   private:
-    // Keyed by msgid (the singular msgid of plural entries); each value lists the forms.
-    std::map<std::string, std::vector<std::string>, std::less<>> messages_;
+    const std::string bytes_;  // the file's contents, which messages_ refers into
+    // Keyed by msgid (the singular msgid of plural entries); each value is the translation's
+    // forms, separated by NUL bytes as in the file.
+    std::map<std::string_view, std::string_view> messages_;
     std::shared_ptr<const PluralRule> rule_;
 };
 

@@ -1,12 +1,13 @@
-// kel::secureRandomBytes — unpredictable bytes from the operating system (getrandom(2)), for
-// identifiers that must not collide or be guessed (UUIDs, operation IDs).
+// kel::secureRandomBytes — unpredictable bytes for identifiers that must not collide or be
+// guessed (UUIDs, operation IDs).
 //
-// Small requests are served from a per-thread buffer filled by one getrandom call: bytes are
-// wiped once handed out, and the buffer is discarded in a forked child, so parent and child
-// never hand out the same bytes. Blocks only while the kernel's pool is still uninitialised,
-// early at boot.
+// The bytes come from the C library's arc4random_buf: a per-thread generator seeded from the
+// kernel (getrandom(2)) that glibc reseeds after fork, so a parent and its forked child never
+// hand out the same bytes. It blocks only while the kernel's pool is still uninitialised, early
+// at boot, and never fails.
 //
 // Thread rules: callable from any thread.
+// Ownership: writes into the caller's buffer only.
 #pragma once
 
 #include <cstddef>
