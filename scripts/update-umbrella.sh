@@ -9,7 +9,7 @@ generated=$(
     echo "// Written by scripts/update-umbrella.sh; a test fails when it is out of date."
     echo "#pragma once"
     echo
-    find include/kel -mindepth 2 -name '*.hpp' | sed 's|^include/||' | LC_ALL=C sort |
+    find include/kel -mindepth 2 -name '*.hpp' -not -path '*/detail/*' | sed 's|^include/||' | LC_ALL=C sort |
         sed 's|.*|#include "&"|'
 )
 if [ "${1:-}" = "--check" ]; then
