@@ -31,6 +31,9 @@ class HTTPServer {
   public:
     HTTPServer() {
         server_.set_keep_alive_max_count(1000);
+        // stop() waits for idle keep-alive connections of clients that outlive the server (the
+        // default session's) to time out.
+        server_.set_keep_alive_timeout(1);
         server_.new_task_queue = [] { return new httplib::ThreadPool(128); };
     }
     ~HTTPServer() {
