@@ -11,6 +11,7 @@
 #include "CollectionsDemo.hpp"
 #include "DispatchDemo.hpp"
 #include "FoundationDemo.hpp"
+#include "NetworkingDemo.hpp"
 #include "PromisesDemo.hpp"
 #include "SchedulersDemo.hpp"
 #include "UtilitiesDemo.hpp"
@@ -46,6 +47,7 @@ int main() {
     runSchedulersDemo();
     runCollectionsDemo();
     runUtilitiesDemo();
+    runNetworkingDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.
     std::cout << "\n== Event loop\n";

@@ -104,7 +104,8 @@ namespace detail {
 // The state shared by a session, its tasks and its I/O thread.
 class URLSessionCore {
   public:
-    URLSessionCore(URLSessionConfiguration configuration, DispatchQueue delegateQueue)
+    URLSessionCore(URLSessionConfiguration configuration,
+                   std::optional<DispatchQueue> delegateQueue)
         : configuration_(std::move(configuration)), delegateQueue_(std::move(delegateQueue)) {
         multi_ = curl_multi_init();
         KEL_PRECONDITION(multi_ != nullptr, "curl_multi_init failed");
@@ -134,6 +135,10 @@ class URLSessionCore {
         if (!submit(lock, {Command::cancel, task.shared_from_this(), {}})) {
             completeCancelledAfterStop(lock, task);
         }
+    }
+
+    bool isIOThread() const {
+        return ioThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
     }
 
     void stop() {
@@ -173,7 +178,10 @@ class URLSessionCore {
             return false;
         }
         commands_.push_back(std::move(request));
-        curl_multi_wakeup(multi_);
+        // A handler running on the I/O thread needs no wake-up: the loop reads the list next.
+        if (!isIOThread()) {
+            curl_multi_wakeup(multi_);
+        }
         return true;
     }
 
@@ -209,8 +217,12 @@ class URLSessionCore {
         if (!handler) {
             return;
         }
-        delegateQueue_.async([handler = std::move(handler), data = std::move(data),
-                              response = std::move(response), error = std::move(error)]() mutable {
+        if (!delegateQueue_) {
+            handler(std::move(data), std::move(response), std::move(error));
+            return;
+        }
+        delegateQueue_->async([handler = std::move(handler), data = std::move(data),
+                               response = std::move(response), error = std::move(error)]() mutable {
             handler(std::move(data), std::move(response), std::move(error));
         });
     }
@@ -225,8 +237,9 @@ class URLSessionCore {
     static std::size_t onHeader(char* bytes, std::size_t size, std::size_t count, void* context);
 
     const URLSessionConfiguration configuration_;
-    const DispatchQueue delegateQueue_;
+    const std::optional<DispatchQueue> delegateQueue_;
     std::atomic<std::uint64_t> nextIdentifier_{0};
+    std::atomic<std::thread::id> ioThread_{};  // set once, by the I/O thread
 
     std::mutex mutex_;  // guards commands_, stopping_, multi_ (as seen by other threads) and
                         // every task's state_ and completion_
@@ -240,6 +253,7 @@ class URLSessionCore {
 };
 
 void URLSessionCore::run() {
+    ioThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     CURLM* multi = multi_;  // stays valid until this function clears multi_ under the lock
     std::vector<Request> commands;
     for (;;) {
@@ -571,9 +585,8 @@ std::shared_ptr<URLSession> URLSession::make(URLSessionConfiguration configurati
                                              std::optional<DispatchQueue> delegateQueue) {
     static std::once_flag curlReady;
     std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-    DispatchQueue queue =
-        delegateQueue ? std::move(*delegateQueue) : DispatchQueue("kel.URLSession.delegateQueue");
-    std::shared_ptr<URLSession> session(new URLSession(std::move(configuration), std::move(queue)));
+    std::shared_ptr<URLSession> session(
+        new URLSession(std::move(configuration), std::move(delegateQueue)));
     session->thread_ = std::thread([core = session->core_] {
         ::pthread_setname_np(::pthread_self(), "URLSession.io");
         core->run();
@@ -581,7 +594,8 @@ std::shared_ptr<URLSession> URLSession::make(URLSessionConfiguration configurati
     return session;
 }
 
-URLSession::URLSession(URLSessionConfiguration configuration, DispatchQueue delegateQueue)
+URLSession::URLSession(URLSessionConfiguration configuration,
+                       std::optional<DispatchQueue> delegateQueue)
     : configuration_(std::move(configuration)),
       delegateQueue_(std::move(delegateQueue)),
       core_(std::make_shared<detail::URLSessionCore>(configuration_, delegateQueue_)) {}
@@ -593,7 +607,14 @@ URLSession::~URLSession() {
 void URLSession::invalidateAndCancel() {
     std::call_once(joinOnce_, [this] {
         core_->stop();
-        if (thread_.joinable()) {
+        if (!thread_.joinable()) {
+            return;
+        }
+        // Released from one of its own handlers: the thread cannot join itself; it stops when
+        // the handler returns and owns what it still needs (the core).
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            thread_.detach();
+        } else {
             thread_.join();
         }
     });

@@ -58,16 +58,19 @@ TEST(ProcessInfoValue, BooleansAndText) {
 }
 
 TEST(ProcessInfoValue, ParsingIgnoresTheProcessLocale) {
-    // A German numeric locale writes "1,5"; generated here so the test needs no system set-up.
+    // A German numeric locale writes "1,5". When the system lacks it, it is generated into a
+    // scratch directory (localedef, from the locales package) and found through LOCPATH.
     kel::testing::ScratchDirectory locales;
-    std::string command =
-        "localedef -i de_DE -f UTF-8 " + (locales / "de_DE.UTF-8").string() + " >/dev/null 2>&1";
-    if (std::system(command.c_str()) != 0) {
-        GTEST_SKIP() << "localedef cannot build de_DE.UTF-8 here (the locales package is missing)";
-    }
     kel::testing::ScopedEnvironment environment;
-    environment.set("LOCPATH", locales.path().string());
-    ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+    if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) {
+        std::string command = "localedef -i de_DE -f UTF-8 " + (locales / "de_DE.UTF-8").string() +
+                              " >/dev/null 2>&1";
+        if (std::system(command.c_str()) != 0) {
+            GTEST_SKIP() << "localedef cannot build de_DE.UTF-8 (the locales package is missing)";
+        }
+        environment.set("LOCPATH", locales.path().string());
+        ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+    }
     EXPECT_EQ(std::strtod("1,5", nullptr), 1.5) << "the locale writes a decimal comma";
     EXPECT_EQ(parse<double>("1.5"), 1.5);
     EXPECT_EQ(parse<float>("1.5"), 1.5f);

@@ -2,6 +2,7 @@
 #include <kel/Platform/URLSession.hpp>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <memory>
 #include <optional>
@@ -191,6 +192,39 @@ TEST(URLSessionLoading, ManyConcurrentTasksEachCompleteOnce) {
     }
     EXPECT_EQ(bodies.waitFor(count), std::vector<std::string>(count, "[1]"));
     EXPECT_EQ(server.requests(), static_cast<int>(count));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(URLSessionLifetime, HandlersRunOnTheGivenQueueAndMayReleaseTheirSession) {
+    HTTPServer http;
+    http.server().Get("/", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content("ok", "text/plain");
+    });
+    http.start();
+    kel::DispatchQueue delegateQueue("test.delegate");
+    auto queued = kel::URLSession::make(kel::URLSessionConfiguration::defaultSessionConfiguration(),
+                                        delegateQueue);
+    Outcomes<std::string> labels;
+    queued->downloadData(request(http.url("/")), [&](auto, auto, auto, kel::Error) {
+        char name[16] = {};
+        ::pthread_getname_np(::pthread_self(), name,
+                             sizeof name);  // threads bear their queue's name
+        labels.add(name);
+    });
+    EXPECT_EQ(labels.waitFor(1), std::vector<std::string>{"test.delegate"});
+
+    // The last reference dropped inside a handler, on the session's own I/O thread.
+    auto session = std::make_shared<std::shared_ptr<kel::URLSession>>(kel::URLSession::make());
+    Outcomes<bool> released;
+    (*session)->downloadData(request(http.url("/")),
+                             [session, &released](auto, auto, auto, kel::Error) {
+                                 session->reset();
+                                 released.add(true);
+                             });
+    EXPECT_EQ(released.waitFor(1).size(), 1u);
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 // Each session owns one I/O thread that drives all of its transfers with one curl multi handle,
 // so connections to the same host are kept and reused between tasks. Other threads hand new
 // tasks and cancellations to the I/O thread through a list under the session's lock and wake it
-// with curl_multi_wakeup. Completion handlers never run on the I/O thread: they are queued, in
-// completion order, on the session's delegate queue (a serial queue of its own unless one is
-// given), so a slow handler does not hold up transfers.
+// with curl_multi_wakeup. Completion handlers run, in completion order and outside the
+// session's lock, on the session's own serial context: its I/O thread, unless a delegate queue
+// is given, in which case they are queued there. On the I/O thread a handler costs no thread
+// hop, but while it runs no transfer of the session moves: keep handlers short (or give a
+// delegate queue), and never wait in one for another task of the same session.
 //
 // A response whose body is empty is delivered with no data. Redirects are followed (up to 16).
 // Failures are DomainErrors of URLError::domain; the CURLcode mapping is in URLSession.cpp and
@@ -15,8 +17,8 @@
 // Thread rules: every member may be called from any thread.
 // Ownership: shared-owned (URLSession::make). Destroying the session (or
 // invalidateAndCancel()) cancels the tasks still running, stops and joins the I/O thread; their
-// completion handlers still run, with URLError::cancelled. Do not drop the last reference from
-// the I/O thread (no library code does: handlers run on the delegate queue).
+// completion handlers still run, with URLError::cancelled. Dropping the last reference from a
+// handler on the I/O thread is allowed: the thread is then detached and ends by itself.
 #pragma once
 
 #include <memory>
@@ -48,7 +50,8 @@ class URLSession final : public URLSessionType {
     ~URLSession() override;
 
     const URLSessionConfiguration& configuration() const noexcept { return configuration_; }
-    const DispatchQueue& delegateQueue() const noexcept { return delegateQueue_; }
+    // The queue handlers are posted to; none when they run on the I/O thread.
+    const std::optional<DispatchQueue>& delegateQueue() const noexcept { return delegateQueue_; }
 
     // A suspended task; call resume() to start it.
     std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
@@ -62,10 +65,10 @@ class URLSession final : public URLSessionType {
     void invalidateAndCancel();
 
   private:
-    URLSession(URLSessionConfiguration configuration, DispatchQueue delegateQueue);
+    URLSession(URLSessionConfiguration configuration, std::optional<DispatchQueue> delegateQueue);
 
     const URLSessionConfiguration configuration_;
-    const DispatchQueue delegateQueue_;
+    const std::optional<DispatchQueue> delegateQueue_;
     std::shared_ptr<detail::URLSessionCore> core_;
     std::thread thread_;  // the I/O thread; joined once, by invalidateAndCancel or the destructor
     std::once_flag joinOnce_;
