@@ -178,8 +178,11 @@ class URLSessionCore {
             return false;
         }
         commands_.push_back(std::move(request));
-        // A handler running on the I/O thread needs no wake-up: the loop reads the list next.
-        if (!isIOThread()) {
+        // A handler running on the I/O thread needs no wake-up: the loop reads the list before
+        // it sleeps again.
+        if (isIOThread()) {
+            commandsFromIOThread_ = true;
+        } else {
             curl_multi_wakeup(multi_);
         }
         return true;
@@ -248,6 +251,7 @@ class URLSessionCore {
     CURLM* multi_ = nullptr;
 
     // I/O thread only.
+    bool commandsFromIOThread_ = false;  // a handler queued commands since the loop last read them
     std::vector<std::unique_ptr<Transfer>> transfers_;
     std::vector<CURL*> idleEasyHandles_;
 };
@@ -261,6 +265,7 @@ void URLSessionCore::run() {
         {
             std::lock_guard lock(mutex_);
             commands.swap(commands_);
+            commandsFromIOThread_ = false;
             stopping = stopping_;
         }
         for (auto& request : commands) {
@@ -309,6 +314,9 @@ void URLSessionCore::run() {
             }
             nextDeadline = std::min(nextDeadline, transfer.deadline);
             ++i;
+        }
+        if (commandsFromIOThread_) {
+            continue;
         }
         auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline - now).count();
         curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::max<long long>(wait, 1)), nullptr);

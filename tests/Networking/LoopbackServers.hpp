@@ -34,7 +34,7 @@ class HTTPServer {
         // stop() waits for idle keep-alive connections of clients that outlive the server (the
         // default session's) to time out.
         server_.set_keep_alive_timeout(1);
-        server_.new_task_queue = [] { return new httplib::ThreadPool(128); };
+        server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
     }
     ~HTTPServer() {
         server_.stop();

@@ -23,8 +23,10 @@ using Line = std::pair<LogLevel, std::string>;
 
 static_assert(!std::is_default_constructible_v<Operation>, "the argument-less constructor is gone");
 
-// Short waits so that the retry tests take a fraction of a second.
+// Short waits so that the retry tests take a fraction of a second; tests that expect no retry
+// keep long time-outs, so that a slow machine (or a sanitizer) cannot cause one.
 constexpr kel::NetworkOperationTimeouts shortTimeouts{0.3, 0.4, 0.05};
+constexpr kel::NetworkOperationTimeouts patientTimeouts{10.0, 20.0, 0.05};
 
 kel::URL url(const std::string& text) {
     return *kel::URL::fromString(text);
@@ -114,9 +116,10 @@ TEST_F(NetworkOperationRequests, ReplacesTheQueryAddsHeadersAndLogsEachStep) {
     http.start();
     auto session = std::make_shared<RecordingSession>();
     auto endpoint = url(http.url("/feed?old=1"));
-    auto operation = std::make_shared<Operation>(
-        endpoint, Operation::Parameters{{"page", "2"}, {"q", "a b"}},
-        Operation::Headers{{"X-Token", "t1"}}, kel::NetworkProxy::session(session), shortTimeouts);
+    auto operation =
+        std::make_shared<Operation>(endpoint, Operation::Parameters{{"page", "2"}, {"q", "a b"}},
+                                    Operation::Headers{{"X-Token", "t1"}},
+                                    kel::NetworkProxy::session(session), patientTimeouts);
     operation->setRequestProcessors(
         {std::make_shared<OrderProcessor>("A"), std::make_shared<OrderProcessor>("B")});
 
@@ -125,7 +128,7 @@ TEST_F(NetworkOperationRequests, ReplacesTheQueryAddsHeadersAndLogsEachStep) {
     EXPECT_EQ(result.value(),
               (json{{"query", 2}, {"page", "2"}, {"q", "a b"}, {"token", "t1"}, {"order", "A,B"}}));
     ASSERT_EQ(session->requests().size(), 1u);
-    EXPECT_EQ(session->requests()[0].timeoutInterval(), 0.3);
+    EXPECT_EQ(session->requests()[0].timeoutInterval(), 10.0);
     auto size = std::to_string(result.value().dump().size());
     EXPECT_EQ(
         lines(*operation),
@@ -138,7 +141,7 @@ TEST_F(NetworkOperationRequests, ReplacesTheQueryAddsHeadersAndLogsEachStep) {
 
     // An empty parameter list leaves an empty query, not the endpoint's.
     auto bare = std::make_shared<Operation>(endpoint, Operation::Parameters{}, Operation::Headers{},
-                                            kel::NetworkProxy::session(session), shortTimeouts);
+                                            kel::NetworkProxy::session(session), patientTimeouts);
     auto bareResult = run(bare);
     ASSERT_TRUE(bareResult.isSuccess());
     EXPECT_EQ(bareResult.value()["query"], 0);
@@ -205,9 +208,9 @@ TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
             return index == 0 ? FaultServer::Action::closeMidBody : FaultServer::Action::respond;
         },
         R"({"ok":true})");
-    auto recovered =
-        std::make_shared<Operation>(url(flaky.url("/")), Operation::Parameters{},
-                                    Operation::Headers{}, kel::NetworkProxy::none, shortTimeouts);
+    auto recovered = std::make_shared<Operation>(url(flaky.url("/")), Operation::Parameters{},
+                                                 Operation::Headers{}, kel::NetworkProxy::none,
+                                                 kel::NetworkOperationTimeouts{10.0, 20.0, 0.05});
     auto result = run(recovered);
     ASSERT_TRUE(result.isSuccess()) << kel::errorDescription(result.error());
     EXPECT_EQ(result.value(), (json{{"ok", true}}));
@@ -223,7 +226,7 @@ TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
           std::pair{std::string("http://feed.example.invalid/"), kel::URLError::cannotFindHost}}) {
         auto operation = std::make_shared<Operation>(url(endpoint), Operation::Parameters{},
                                                      Operation::Headers{}, kel::NetworkProxy::none,
-                                                     shortTimeouts);
+                                                     patientTimeouts);
         auto failed = run(operation);
         ASSERT_FALSE(failed.isSuccess());
         EXPECT_EQ(kel::URLError::code(failed.error()), code);
@@ -243,7 +246,7 @@ TEST_F(NetworkOperationResponses, StatusCodesOnlyMatterWithoutABody) {
     auto session = kel::NetworkProxy::session(kel::URLSession::make());
     auto make = [&](const std::string& path) {
         return std::make_shared<Operation>(url(http.url(path)), Operation::Parameters{},
-                                           Operation::Headers{}, session, shortTimeouts);
+                                           Operation::Headers{}, session, patientTimeouts);
     };
 
     auto missing = make("/missing");
@@ -266,7 +269,7 @@ TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndI
         FaultServer server([](int) { return FaultServer::Action::respond; }, bodies[i]);
         auto operation = std::make_shared<Operation>(url(server.url("/")), Operation::Parameters{},
                                                      Operation::Headers{}, kel::NetworkProxy::none,
-                                                     shortTimeouts);
+                                                     patientTimeouts);
         auto result = run(operation);
         ASSERT_FALSE(result.isSuccess());
         EXPECT_TRUE(kel::errorIs<json::parse_error>(result.error()));
