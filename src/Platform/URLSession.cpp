@@ -200,7 +200,7 @@ class URLSessionCore {
         return url ? url->absoluteString() : std::string();
     }
 
-    // Delivers the outcome on the delegate queue, exactly once per task.
+    // Delivers the outcome, on the delegate queue or on this thread, exactly once per task.
     void complete(URLSessionTask& task, std::optional<Data> data,
                   std::shared_ptr<const URLResponse> response, Error error,
                   std::shared_ptr<const URLSessionTaskMetrics> metrics) {
@@ -369,14 +369,27 @@ void URLSessionCore::start(Request& request) {
         return;
     }
 
+    // Options that every transfer shares are set once per easy handle; a reused handle only
+    // has the per-request ones cleared (method, header list).
     CURL* easy = nullptr;
     if (idleEasyHandles_.empty()) {
         easy = curl_easy_init();
         KEL_PRECONDITION(easy != nullptr, "curl_easy_init failed");
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &URLSessionCore::onBody);
+        curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &URLSessionCore::onHeader);
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS,
+                         static_cast<long>(configuration_.timeoutIntervalForResource * 1000));
     } else {
         easy = idleEasyHandles_.back();
         idleEasyHandles_.pop_back();
-        curl_easy_reset(easy);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
     }
 
     auto transfer = std::make_unique<Transfer>();
@@ -405,16 +418,8 @@ void URLSessionCore::start(Request& request) {
 
     curl_easy_setopt(easy, CURLOPT_CURLU, url);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &URLSessionCore::onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &URLSessionCore::onHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
-    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS,
-                     static_cast<long>(configuration_.timeoutIntervalForResource * 1000));
     if (transfer->headers != nullptr) {
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
     }

@@ -60,6 +60,11 @@ TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
                                      req.get_header_value("X-App"));
         res.set_content(R"({"items":[1,2]})", "application/json");
     });
+    auto echo = [](const httplib::Request& req, httplib::Response& res) {
+        res.set_content(req.method + " " + req.body, "text/plain");
+    };
+    http.server().Get("/echo", echo);
+    http.server().Post("/echo", echo);
     http.server().Get("/missing",
                       [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
     http.start();
@@ -76,6 +81,13 @@ TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
     EXPECT_EQ(loaded.body(), R"({"items":[1,2]})");
     EXPECT_EQ(loaded.response->asHTTP()->valueForHTTPHeaderField("x-echo"), "a,b|2|demo");
     EXPECT_EQ(loaded.metrics, nullptr) << "timing data is off by default";
+
+    // Easy handles are reused: a POST's method and body must not leak into the next GET.
+    auto post = request(http.url("/echo"));
+    post.setHTTPMethod("POST");
+    post.setHTTPBody(kel::Data{'h', 'i'});
+    EXPECT_EQ(load(*session, post).body(), "POST hi");
+    EXPECT_EQ(load(*session, request(http.url("/echo"))).body(), "GET ");
 
     auto missing = load(*session, request(http.url("/missing")));
     EXPECT_FALSE(missing.error);
