@@ -7,7 +7,7 @@ packages=(
     libcurl4-openssl-dev nlohmann-json3-dev gettext
     googletest libgtest-dev libgmock-dev
     libbenchmark-dev libboost1.81-dev libboost-thread1.81-dev libasio-dev
-    libcpp-httplib-dev
+    libcpp-httplib-dev locales
     clang-16 libclang-rt-16-dev
 )
 

@@ -14,6 +14,7 @@
 #include "EventsDemo.hpp"
 #include "FoundationDemo.hpp"
 #include "LifecycleDemo.hpp"
+#include "NetworkingDemo.hpp"
 #include "PromisesDemo.hpp"
 #include "SchedulersDemo.hpp"
 #include "UtilitiesDemo.hpp"
@@ -52,6 +53,7 @@ int main() {
     runLifecycleDemo();
     runContainerDemo();
     runUtilitiesDemo();
+    runNetworkingDemo();
 
     // The application's main thread ends in its run loop; events arrive as main-queue work.
     std::cout << "\n== Event loop\n";

@@ -1,0 +1,105 @@
+#include <kel/Networking/DeserializerType.hpp>
+#include <kel/Networking/JSONDeserializer.hpp>
+#include <kel/Networking/TestDataLoader.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+
+#include "LoopbackServers.hpp"
+#include "ScopedEnvironment.hpp"
+
+namespace {
+
+using kel::testing::Outcomes;
+
+struct Quote {
+    std::string text;
+    int year = 0;
+    friend bool operator==(const Quote&, const Quote&) = default;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Quote, text, year)
+
+static_assert(kel::DeserializerType<kel::JSONDeserializer<Quote>>);
+
+std::span<const std::uint8_t> bytes(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+TEST(JSONDeserializer, DecodesAndThrowsTheDecodersErrorsUnchanged) {
+    kel::JSONDeserializer<Quote> deserializer;
+    EXPECT_EQ(deserializer.deserialize(bytes(R"({"text":"hi","year":1999})")), (Quote{"hi", 1999}));
+    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi")")), nlohmann::json::parse_error);
+    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi","year":"x"})")),
+                 nlohmann::json::type_error);
+    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi"})")), nlohmann::json::out_of_range);
+}
+
+struct Fixture {
+    std::string path;
+    std::string filePath() const { return path; }
+};
+
+// Waits for a promise's value or error.
+template <class T>
+std::pair<std::optional<T>, kel::Error> settle(kel::Promise<T> promise) {
+    auto outcomes = std::make_shared<Outcomes<std::pair<std::optional<T>, kel::Error>>>();
+    promise.then(kel::zalgo(),
+                 [outcomes](const T& value) {
+                     outcomes->add({value, nullptr});
+                 })
+        .error(kel::zalgo(), [outcomes](const kel::Error& error) {
+            outcomes->add({std::nullopt, error});
+        });
+    auto all = outcomes->waitFor(1);
+    return all.empty() ? std::pair<std::optional<T>, kel::Error>{} : all.front();
+}
+
+TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
+    kel::testing::ScratchDirectory content;
+    std::filesystem::create_directories(content / "quotes");
+    std::ofstream(content / "quotes/sample.json") << R"({"text":"hi","year":1999})";
+    std::ofstream(content / "quotes/broken.json") << R"({"text":)";
+
+    kel::TestDataLoader<Fixture> sample(Fixture{"quotes/sample"}, content.path());
+    EXPECT_EQ(sample.filePath(), content.path().string() + "/quotes/sample.json");
+    EXPECT_EQ(settle(sample.loadDataWithType<Quote>()).first, (Quote{"hi", 1999}));
+
+    auto broken = settle(kel::TestDataLoader<Fixture>(Fixture{"quotes/broken"}, content.path())
+                             .loadDataWithType<Quote>());
+    auto error = kel::errorAs<kel::TestDataError>(broken.second);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->value(), kel::TestDataError::Case::invalidTestData);
+    EXPECT_TRUE(kel::errorIs<nlohmann::json::parse_error>(error->error()));
+
+    try {
+        kel::TestDataLoader<Fixture>(Fixture{"quotes/none"}, content.path());
+        ADD_FAILURE() << "a missing fixture throws";
+    } catch (const kel::TestDataError& missing) {
+        EXPECT_EQ(missing, kel::TestDataError::missingTestData);
+    }
+    // A fixture that disappears (or turns unreadable) after construction rejects the load.
+    std::filesystem::remove(content / "quotes/sample.json");
+    EXPECT_EQ(kel::errorAs<kel::TestDataError>(settle(sample.loadDataWithType<Quote>()).second),
+              kel::TestDataError::missingTestData);
+}
+
+TEST(TestDataLoader, WithoutAContentDirectoryLooksInTheDocumentsFolder) {
+    kel::testing::ScratchDirectory home;
+    std::filesystem::create_directories(home / "Docs/TestContent");
+    std::filesystem::create_directories(home / "Documents/TestContent");
+    std::ofstream(home / "Docs/TestContent/a.json") << "[1]";
+    std::ofstream(home / "Documents/TestContent/b.json") << "[2]";
+    kel::testing::ScopedEnvironment environment;
+    environment.set("HOME", home.path().string()).set("XDG_DOCUMENTS_DIR", "$HOME/Docs");
+
+    EXPECT_EQ(kel::TestDataLoader<Fixture>(Fixture{"a"}).filePath(),
+              (home / "Docs/TestContent").string() + "/a.json");
+    environment.set("XDG_DOCUMENTS_DIR", std::nullopt);
+    kel::TestDataLoader<Fixture> documents(Fixture{"b"});
+    EXPECT_EQ(documents.filePath(), (home / "Documents/TestContent").string() + "/b.json");
+    EXPECT_EQ(settle(documents.loadDataWithType<std::vector<int>>()).first, std::vector<int>{2});
+}
+
+}  // namespace

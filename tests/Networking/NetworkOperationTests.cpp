@@ -1,0 +1,338 @@
+#include <kel/Concurrency/TaskScheduler.hpp>
+#include <kel/Networking/JSONDeserializer.hpp>
+#include <kel/Networking/NetworkOperation.hpp>
+#include <kel/Platform/Log.hpp>
+#include <kel/Platform/URLSession.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "LoopbackServers.hpp"
+
+namespace {
+
+using kel::LogLevel;
+using kel::testing::FaultServer;
+using kel::testing::HTTPServer;
+using kel::testing::Outcomes;
+using nlohmann::json;
+using Operation = kel::NetworkOperation<kel::JSONDeserializer<json>>;
+using Line = std::pair<LogLevel, std::string>;
+
+static_assert(!std::is_default_constructible_v<Operation>, "the argument-less constructor is gone");
+
+// Short waits so that the retry tests take a fraction of a second; tests that expect no retry
+// keep long time-outs, so that a slow machine (or a sanitizer) cannot cause one.
+constexpr kel::NetworkOperationTimeouts shortTimeouts{0.3, 0.4, 0.05};
+constexpr kel::NetworkOperationTimeouts patientTimeouts{10.0, 20.0, 0.05};
+
+kel::URL url(const std::string& text) {
+    return *kel::URL::fromString(text);
+}
+
+// A session that records each request it is given and passes it to a real session.
+class RecordingSession final : public kel::URLSessionType {
+  public:
+    std::shared_ptr<kel::Cancellable> downloadData(const kel::URLRequest& request,
+                                                   DownloadCompletion completion) override {
+        {
+            std::lock_guard lock(mutex_);
+            requests_.push_back(request);
+        }
+        return session_->downloadData(request, std::move(completion));
+    }
+    std::vector<kel::URLRequest> requests() const {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
+
+  private:
+    std::shared_ptr<kel::URLSession> session_ = kel::URLSession::make();
+    mutable std::mutex mutex_;  // guards requests_
+    std::vector<kel::URLRequest> requests_;
+};
+
+// Adds its name to the X-Order field and sets a time-out of its own, which the operation must
+// override.
+class OrderProcessor final : public kel::URLRequestProcessor {
+  public:
+    explicit OrderProcessor(std::string name) : name_(std::move(name)) {}
+    kel::URLRequest process(const kel::URLRequest& request) const override {
+        kel::URLRequest copy = request;
+        copy.addValue(name_, "X-Order");
+        copy.setTimeoutInterval(99);
+        return copy;
+    }
+
+  private:
+    std::string name_;
+};
+
+struct Fixture : ::testing::Test {
+    std::shared_ptr<kel::CapturingLogSink> sink = std::make_shared<kel::CapturingLogSink>();
+    kel::ScopedLogSink scoped{sink};
+
+    // Runs the operation on the shared scheduler and waits for its one result.
+    kel::Result<json> run(const std::shared_ptr<Operation>& operation) {
+        auto outcomes = std::make_shared<Outcomes<kel::Result<json>>>();
+        operation->completion = [outcomes](kel::Result<json> result) { outcomes->add(result); };
+        kel::TaskScheduler::shared().schedule(operation);
+        auto results = outcomes->waitFor(1);
+        EXPECT_EQ(results.size(), 1u);
+        return results.empty() ? kel::Result<json>::failed(nullptr) : results.front();
+    }
+
+    // The operation's log lines, rendered, with "ID" in place of its identifier.
+    std::vector<Line> lines(const Operation& operation) const {
+        std::vector<Line> out;
+        for (const auto& record : sink->records()) {
+            auto text = record.message();
+            auto at = text.find(operation.operationID());
+            if (at != std::string::npos) {
+                out.emplace_back(record.level,
+                                 text.replace(at, operation.operationID().size(), "ID"));
+            }
+        }
+        return out;
+    }
+};
+
+using NetworkOperationRequests = Fixture;
+using NetworkOperationRetry = Fixture;
+using NetworkOperationResponses = Fixture;
+
+TEST_F(NetworkOperationRequests, ReplacesTheQueryAddsHeadersAndLogsEachStep) {
+    HTTPServer http;
+    http.server().Get("/feed", [](const httplib::Request& req, httplib::Response& res) {
+        json echo{{"query", req.params.size()},
+                  {"page", req.get_param_value("page")},
+                  {"q", req.get_param_value("q")},
+                  {"token", req.get_header_value("X-Token")},
+                  {"order", req.get_header_value("X-Order")}};
+        res.set_content(echo.dump(), "application/json");
+    });
+    http.start();
+    auto session = std::make_shared<RecordingSession>();
+    auto endpoint = url(http.url("/feed?old=1"));
+    auto operation =
+        std::make_shared<Operation>(endpoint, Operation::Parameters{{"page", "2"}, {"q", "a b"}},
+                                    Operation::Headers{{"X-Token", "t1"}},
+                                    kel::NetworkProxy::session(session), patientTimeouts);
+    operation->setRequestProcessors(
+        {std::make_shared<OrderProcessor>("A"), std::make_shared<OrderProcessor>("B")});
+
+    auto result = run(operation);
+    ASSERT_TRUE(result.isSuccess()) << kel::errorDescription(result.error());
+    EXPECT_EQ(result.value(),
+              (json{{"query", 2}, {"page", "2"}, {"q", "a b"}, {"token", "t1"}, {"order", "A,B"}}));
+    ASSERT_EQ(session->requests().size(), 1u);
+    EXPECT_EQ(session->requests()[0].timeoutInterval(), 10.0);
+    auto size = std::to_string(result.value().dump().size());
+    EXPECT_EQ(
+        lines(*operation),
+        (std::vector<Line>{{LogLevel::default_, "Network operation ID started"},
+                           {LogLevel::default_, "Network operation ID will issue request to URL: " +
+                                                    http.url("/feed?page=2&q=a%20b")},
+                           {LogLevel::default_,
+                            "Network operation ID received response (size=" + size + " bytes)"},
+                           {LogLevel::default_, "Network operation ID succeeded"}}));
+
+    // An empty parameter list leaves an empty query, not the endpoint's.
+    auto bare = std::make_shared<Operation>(endpoint, Operation::Parameters{}, Operation::Headers{},
+                                            kel::NetworkProxy::session(session), patientTimeouts);
+    auto bareResult = run(bare);
+    ASSERT_TRUE(bareResult.isSuccess());
+    EXPECT_EQ(bareResult.value()["query"], 0);
+    EXPECT_EQ(lines(*bare).at(1).second,
+              "Network operation ID will issue request to URL: " + http.url("/feed?"));
+}
+
+TEST_F(NetworkOperationRequests, AMalformedEndpointFailsWithoutARequest) {
+    auto operation = std::make_shared<Operation>(url("feed/items"), Operation::Parameters{},
+                                                 Operation::Headers{}, kel::NetworkProxy::none);
+    auto result = run(operation);
+    ASSERT_FALSE(result.isSuccess());
+    EXPECT_EQ(kel::errorAs<kel::NetworkOperationError>(result.error()),
+              kel::NetworkOperationError::malformedURL);
+    EXPECT_EQ(lines(*operation),
+              (std::vector<Line>{{LogLevel::default_, "Network operation ID started"},
+                                 {LogLevel::error,
+                                  "Network operation ID failed to generate URL request with "
+                                  "error: malformedURL"}}));
+}
+
+TEST_F(NetworkOperationRetry, ATimeOutIsRetriedOnceAfterTheDelayWithTheLongerTimeOut) {
+    FaultServer stalled([](int) { return FaultServer::Action::stall; });
+    auto session = std::make_shared<RecordingSession>();
+    int reads = 0;
+    auto endpoint = kel::Accessor<kel::URL>([&] {
+        ++reads;  // read on the starting thread, then on the scheduler's after the delay
+        return url(stalled.url("/slow"));
+    });
+    auto operation =
+        std::make_shared<Operation>(endpoint, Operation::Parameters{}, Operation::Headers{},
+                                    kel::NetworkProxy::session(session), shortTimeouts);
+    operation->setRequestProcessors(
+        {std::make_shared<OrderProcessor>("A"), std::make_shared<OrderProcessor>("B")});
+
+    auto result = run(operation);
+    ASSERT_FALSE(result.isSuccess());
+    EXPECT_EQ(kel::URLError::code(result.error()), kel::URLError::timedOut);
+    EXPECT_EQ(stalled.requests(), 2) << "one retry, no third attempt";
+    EXPECT_EQ(reads, 2);
+    auto requests = session->requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].timeoutInterval(), 0.3);
+    EXPECT_EQ(requests[1].timeoutInterval(), 0.4);
+    for (const auto& request : requests) {
+        EXPECT_EQ(request.valueForHTTPHeaderField("X-Order"), "A,B");
+    }
+    std::string issue = "Network operation ID will issue request to URL: " + stalled.url("/slow?");
+    std::string failure = "Network operation ID failed with error: The request timed out.";
+    EXPECT_EQ(lines(*operation),
+              (std::vector<Line>{
+                  {LogLevel::default_, "Network operation ID started"},
+                  {LogLevel::default_, issue},
+                  {LogLevel::error, failure},
+                  {LogLevel::default_,
+                   "Network operation ID will retry with longer timeout after delay: 0.050000"},
+                  {LogLevel::default_, issue},
+                  {LogLevel::error, failure}}));
+}
+
+TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
+    FaultServer flaky(
+        [](int index) {
+            return index == 0 ? FaultServer::Action::closeMidBody : FaultServer::Action::respond;
+        },
+        R"({"ok":true})");
+    auto recovered = std::make_shared<Operation>(url(flaky.url("/")), Operation::Parameters{},
+                                                 Operation::Headers{}, kel::NetworkProxy::none,
+                                                 kel::NetworkOperationTimeouts{10.0, 20.0, 0.05});
+    auto result = run(recovered);
+    ASSERT_TRUE(result.isSuccess()) << kel::errorDescription(result.error());
+    EXPECT_EQ(result.value(), (json{{"ok", true}}));
+    EXPECT_EQ(flaky.requests(), 2);
+    EXPECT_EQ(lines(*recovered).at(2), (Line{LogLevel::error,
+                                             "Network operation ID failed with error: The network "
+                                             "connection was lost."}));
+
+    std::string refused =
+        "http://127.0.0.1:" + std::to_string(kel::testing::closedLoopbackPort()) + "/";
+    for (const auto& [endpoint, code] :
+         {std::pair{refused, kel::URLError::cannotConnectToHost},
+          std::pair{std::string("http://feed.example.invalid/"), kel::URLError::cannotFindHost}}) {
+        auto operation = std::make_shared<Operation>(url(endpoint), Operation::Parameters{},
+                                                     Operation::Headers{}, kel::NetworkProxy::none,
+                                                     patientTimeouts);
+        auto failed = run(operation);
+        ASSERT_FALSE(failed.isSuccess());
+        EXPECT_EQ(kel::URLError::code(failed.error()), code);
+        EXPECT_EQ(lines(*operation).size(), 3u) << "started, will issue, failed: no retry";
+    }
+}
+
+TEST_F(NetworkOperationResponses, StatusCodesOnlyMatterWithoutABody) {
+    HTTPServer http;
+    http.server().Get("/missing",
+                      [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
+    http.server().Get("/broken", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 500;
+        res.set_content(R"({"error":"overloaded"})", "application/json");
+    });
+    http.start();
+    auto session = kel::NetworkProxy::session(kel::URLSession::make());
+    auto make = [&](const std::string& path) {
+        return std::make_shared<Operation>(url(http.url(path)), Operation::Parameters{},
+                                           Operation::Headers{}, session, patientTimeouts);
+    };
+
+    auto missing = make("/missing");
+    auto result = run(missing);
+    ASSERT_FALSE(result.isSuccess());
+    EXPECT_EQ(kel::errorAs<kel::NetworkOperationError>(result.error()),
+              kel::NetworkOperationError::http(404));
+    EXPECT_EQ(lines(*missing).back(),
+              (Line{LogLevel::error, "Network operation ID failed with HTTP status code: 404"}));
+
+    auto broken = run(make("/broken"));
+    ASSERT_TRUE(broken.isSuccess());
+    EXPECT_EQ(broken.value(), (json{{"error", "overloaded"}}));
+}
+
+TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndIsLogged) {
+    std::string bodies[] = {std::string("not \"json\"\n"), std::string("\xff\xfe", 2)};
+    std::string shown[] = {R"(Optional("not \"json\"\n"))", "nil"};
+    for (int i = 0; i < 2; ++i) {
+        FaultServer server([](int) { return FaultServer::Action::respond; }, bodies[i]);
+        auto operation = std::make_shared<Operation>(url(server.url("/")), Operation::Parameters{},
+                                                     Operation::Headers{}, kel::NetworkProxy::none,
+                                                     patientTimeouts);
+        auto result = run(operation);
+        ASSERT_FALSE(result.isSuccess());
+        EXPECT_TRUE(kel::errorIs<json::parse_error>(result.error()));
+        EXPECT_EQ(lines(*operation).back(),
+                  (Line{LogLevel::error,
+                        "Network operation ID failed to parse response with error: " +
+                            kel::errorDescription(result.error()) + ", response=" + shown[i]}));
+    }
+}
+
+TEST_F(NetworkOperationRequests, DefaultSessionIsSharedWithTimingAndOneConnection) {
+    HTTPServer http;
+    std::mutex portsMutex;
+    std::vector<int> remotePorts;
+    http.server().Get("/", [&](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard lock(portsMutex);
+        remotePorts.push_back(req.remote_port);
+        res.set_content("[1]", "application/json");
+    });
+    http.start();
+    for (int i = 0; i < 2; ++i) {
+        auto operation = std::make_shared<Operation>(url(http.url("/")), Operation::Parameters{},
+                                                     Operation::Headers{}, kel::NetworkProxy::none);
+        ASSERT_TRUE(run(operation).isSuccess());
+        EXPECT_THAT(
+            lines(*operation).at(2).second,
+            ::testing::MatchesRegex("Network operation ID received response \\(size=3 "
+                                    "bytes, queued=[0-9]+ms, ttfb=[0-9]+ms, total=[0-9]+ms\\)"));
+    }
+    std::lock_guard lock(portsMutex);
+    ASSERT_EQ(remotePorts.size(), 2u);
+    EXPECT_EQ(remotePorts[0], remotePorts[1]);
+    EXPECT_EQ(kel::NetworkProxy::none.resolvedSession(), kel::NetworkProxy::none.resolvedSession());
+    EXPECT_TRUE(kel::defaultURLSession()->configuration().ks_timingDataEnabled());
+}
+
+TEST_F(NetworkOperationRequests, CancelledBeforeItStartsCancelsThePromise) {
+    auto operation =
+        std::make_shared<Operation>(url("http://127.0.0.1:9/"), Operation::Parameters{},
+                                    Operation::Headers{}, kel::NetworkProxy::none);
+    operation->cancel();
+    auto cancelled = std::make_shared<Outcomes<bool>>();
+    kel::TaskScheduler::shared().promise(operation).cancelled(
+        kel::zalgo(), [cancelled] { cancelled->add(true); });
+    EXPECT_EQ(cancelled->waitFor(1).size(), 1u);
+    EXPECT_TRUE(lines(*operation).empty()) << "a cancelled operation does not start";
+}
+
+TEST(NetworkResponseDescription, WithoutMetricsOrWithIncompleteOnes) {
+    EXPECT_EQ(kel::detail::networkResponseDescription(0, nullptr), "size=Zero KB");
+    EXPECT_EQ(kel::detail::networkResponseDescription(1, nullptr), "size=1 byte");
+    kel::URLSessionTaskMetrics metrics;
+    metrics.taskInterval = {kel::Date(std::chrono::seconds(1'700'000'000)),
+                            std::chrono::duration<double>(2.5)};
+    EXPECT_EQ(kel::detail::networkResponseDescription(1500, &metrics),
+              "size=2 KB, total=2023-11-14 22:13:20 +0000 to 2023-11-14 22:13:22 +0000");
+    kel::URLSessionTaskTransactionMetrics transaction;
+    transaction.fetchStartDate = metrics.taskInterval.start + std::chrono::microseconds(1999);
+    transaction.requestStartDate = metrics.taskInterval.start + std::chrono::milliseconds(5);
+    transaction.responseStartDate = metrics.taskInterval.start + std::chrono::microseconds(17'900);
+    metrics.transactionMetrics.push_back(transaction);
+    EXPECT_EQ(kel::detail::networkResponseDescription(1500, &metrics),
+              "size=2 KB, queued=1ms, ttfb=12ms, total=2500ms");
+}
+
+}  // namespace

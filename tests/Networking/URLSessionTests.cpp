@@ -1,0 +1,242 @@
+#include <kel/Platform/URLError.hpp>
+#include <kel/Platform/URLSession.hpp>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "LoopbackServers.hpp"
+
+namespace {
+
+using kel::testing::FaultServer;
+using kel::testing::HTTPServer;
+using kel::testing::Outcomes;
+
+struct Loaded {
+    std::optional<kel::Data> data;
+    std::shared_ptr<const kel::URLResponse> response;
+    std::shared_ptr<const kel::URLSessionTaskMetrics> metrics;
+    kel::Error error;
+
+    std::string body() const { return data ? std::string(data->begin(), data->end()) : ""; }
+    long status() const {
+        return response && response->asHTTP() ? response->asHTTP()->statusCode() : 0;
+    }
+    std::optional<long> urlError() const { return kel::URLError::code(error); }
+};
+
+kel::URLRequest request(const std::string& url,
+                        double timeout = kel::URLRequest::defaultTimeoutInterval) {
+    return kel::URLRequest(kel::URL::fromString(url),
+                           kel::URLRequest::CachePolicy::useProtocolCachePolicy, timeout);
+}
+
+kel::URLSessionConfiguration timingOn() {
+    auto configuration = kel::URLSessionConfiguration::defaultSessionConfiguration();
+    configuration.setKs_timingDataEnabled(true);
+    return configuration;
+}
+
+// Loads one request through session and waits for its completion.
+Loaded load(kel::URLSession& session, const kel::URLRequest& urlRequest) {
+    Outcomes<Loaded> outcomes;
+    session.downloadData(urlRequest, [&](auto data, auto response, auto metrics, kel::Error error) {
+        outcomes.add({std::move(data), std::move(response), std::move(metrics), std::move(error)});
+    });
+    auto loaded = outcomes.waitFor(1);
+    EXPECT_EQ(loaded.size(), 1u);
+    return loaded.empty() ? Loaded{} : loaded.front();
+}
+
+TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
+    HTTPServer http;
+    http.server().Get("/feed", [](const httplib::Request& req, httplib::Response& res) {
+        res.set_header("X-Echo", req.get_header_value("X-Token") + "|" +
+                                     req.get_param_value("page") + "|" +
+                                     req.get_header_value("X-App"));
+        res.set_content(R"({"items":[1,2]})", "application/json");
+    });
+    auto echo = [](const httplib::Request& req, httplib::Response& res) {
+        res.set_content(req.method + " " + req.body, "text/plain");
+    };
+    http.server().Get("/echo", echo);
+    http.server().Post("/echo", echo);
+    http.server().Get("/missing",
+                      [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
+    http.start();
+    auto configuration = kel::URLSessionConfiguration::defaultSessionConfiguration();
+    configuration.httpAdditionalHeaders = {{"X-App", "demo"}, {"X-Token", "not sent"}};
+    auto session = kel::URLSession::make(configuration);
+
+    auto urlRequest = request(http.url("/feed?page=2"));
+    urlRequest.addValue("a", "X-Token");
+    urlRequest.addValue("b", "x-token");
+    auto loaded = load(*session, urlRequest);
+    ASSERT_FALSE(loaded.error) << kel::errorDescription(loaded.error);
+    EXPECT_EQ(loaded.status(), 200);
+    EXPECT_EQ(loaded.body(), R"({"items":[1,2]})");
+    EXPECT_EQ(loaded.response->asHTTP()->valueForHTTPHeaderField("x-echo"), "a,b|2|demo");
+    EXPECT_EQ(loaded.metrics, nullptr) << "timing data is off by default";
+
+    // Easy handles are reused: a POST's method and body must not leak into the next GET.
+    auto post = request(http.url("/echo"));
+    post.setHTTPMethod("POST");
+    post.setHTTPBody(kel::Data{'h', 'i'});
+    EXPECT_EQ(load(*session, post).body(), "POST hi");
+    EXPECT_EQ(load(*session, request(http.url("/echo"))).body(), "GET ");
+
+    auto missing = load(*session, request(http.url("/missing")));
+    EXPECT_FALSE(missing.error);
+    EXPECT_FALSE(missing.data) << "an empty body is no data";
+    EXPECT_EQ(missing.status(), 404);
+}
+
+TEST(URLSessionLoading, ReusesTheConnectionAndReportsTimings) {
+    HTTPServer http;
+    std::mutex portsMutex;
+    std::vector<int> remotePorts;
+    http.server().Get("/", [&](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard lock(portsMutex);
+        remotePorts.push_back(req.remote_port);
+        res.set_content("ok", "text/plain");
+    });
+    http.start();
+    auto session = kel::URLSession::make(timingOn());
+
+    auto first = load(*session, request(http.url("/")));
+    auto second = load(*session, request(http.url("/")));
+    ASSERT_NE(first.metrics, nullptr);
+    ASSERT_NE(second.metrics, nullptr);
+    {
+        std::lock_guard lock(portsMutex);
+        ASSERT_EQ(remotePorts.size(), 2u);
+        EXPECT_EQ(remotePorts[0], remotePorts[1]) << "both requests on one connection";
+    }
+    EXPECT_FALSE(first.metrics->transactionMetrics.at(0).isReusedConnection);
+    EXPECT_TRUE(second.metrics->transactionMetrics.at(0).isReusedConnection);
+    for (const auto* metrics : {first.metrics.get(), second.metrics.get()}) {
+        const auto& transaction = metrics->transactionMetrics.at(0);
+        ASSERT_TRUE(transaction.fetchStartDate && transaction.requestStartDate &&
+                    transaction.responseStartDate);
+        EXPECT_LE(metrics->taskInterval.start, *transaction.fetchStartDate);
+        EXPECT_LE(*transaction.fetchStartDate, *transaction.requestStartDate);
+        EXPECT_LE(*transaction.requestStartDate, *transaction.responseStartDate);
+        EXPECT_LE(*transaction.responseStartDate, metrics->taskInterval.end());
+        EXPECT_EQ(transaction.networkProtocolName, "http/1.1");
+    }
+}
+
+TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
+    auto session = kel::URLSession::make();
+    FaultServer stalled([](int) { return FaultServer::Action::stall; });
+    FaultServer cut([](int) { return FaultServer::Action::closeMidBody; });
+    FaultServer silent([](int) { return FaultServer::Action::closeWithoutReply; });
+    std::string refused =
+        "http://127.0.0.1:" + std::to_string(kel::testing::closedLoopbackPort()) + "/";
+
+    auto timedOut = load(*session, request(stalled.url("/"), 0.2));
+    EXPECT_EQ(timedOut.urlError(), kel::URLError::timedOut);
+    EXPECT_FALSE(timedOut.data);
+    EXPECT_EQ(kel::errorDescription(timedOut.error), "The request timed out.");
+    EXPECT_EQ(kel::errorAs<kel::DomainError>(timedOut.error)
+                  ->userInfo()
+                  .at(kel::URLError::failingURLStringKey),
+              stalled.url("/"));
+    EXPECT_EQ(load(*session, request(cut.url("/"))).urlError(),
+              kel::URLError::networkConnectionLost);
+    EXPECT_EQ(load(*session, request(silent.url("/"))).urlError(),
+              kel::URLError::networkConnectionLost);
+    EXPECT_EQ(load(*session, request(refused)).urlError(), kel::URLError::cannotConnectToHost);
+    // The reserved top-level domain fails at once, whatever the machine's resolver would do.
+    EXPECT_EQ(load(*session, request("http://feed.example.invalid/")).urlError(),
+              kel::URLError::cannotFindHost);
+    EXPECT_EQ(load(*session, request("gopherx://127.0.0.1/")).urlError(),
+              kel::URLError::unsupportedURL);
+}
+
+TEST(URLSessionCancellation, CompletesOnceAsCancelledWhenCancelledOrTornDown) {
+    FaultServer stalled([](int) { return FaultServer::Action::stall; });
+    auto session = kel::URLSession::make();
+    Outcomes<kel::Error> outcomes;
+    auto record = [&](auto, auto, kel::Error error) { outcomes.add(error); };
+
+    auto running = session->dataTask(request(stalled.url("/")), record);
+    running->resume();
+    auto neverStarted = session->dataTask(request(stalled.url("/")), record);
+    neverStarted->cancel();
+    while (stalled.requests() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    running->cancel();
+    running->cancel();
+    neverStarted->resume();
+    auto errors = outcomes.waitFor(2);
+    ASSERT_EQ(errors.size(), 2u);
+    for (const auto& error : errors) {
+        EXPECT_EQ(kel::URLError::code(error), kel::URLError::cancelled);
+    }
+    EXPECT_EQ(running->state(), kel::URLSessionTask::State::completed);
+
+    // Tasks still running when the session goes away complete as cancelled; later ones too.
+    auto orphan = session->dataTask(request(stalled.url("/")), record);
+    orphan->resume();
+    session.reset();
+    orphan->cancel();
+    errors = outcomes.waitFor(3);
+    ASSERT_EQ(errors.size(), 3u);
+    EXPECT_EQ(kel::URLError::code(errors[2]), kel::URLError::cancelled);
+}
+
+TEST(URLSessionLoading, ManyConcurrentTasksEachCompleteOnce) {
+    // A server of its own: cpp-httplib's listen backlog of 5 drops connection attempts.
+    FaultServer server([](int) { return FaultServer::Action::respond; }, "[1]");
+    auto session = kel::URLSession::make();
+    Outcomes<std::string> bodies;
+    constexpr std::size_t count = 64;
+    for (std::size_t i = 0; i < count; ++i) {
+        session->downloadData(request(server.url("/n")), [&](auto data, auto, auto, kel::Error) {
+            bodies.add(data ? std::string(data->begin(), data->end()) : "?");
+        });
+    }
+    EXPECT_EQ(bodies.waitFor(count), std::vector<std::string>(count, "[1]"));
+    EXPECT_EQ(server.requests(), static_cast<int>(count));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(URLSessionLifetime, HandlersRunOnTheGivenQueueAndMayReleaseTheirSession) {
+    HTTPServer http;
+    http.server().Get("/", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content("ok", "text/plain");
+    });
+    http.start();
+    kel::DispatchQueue delegateQueue("test.delegate");
+    auto queued = kel::URLSession::make(kel::URLSessionConfiguration::defaultSessionConfiguration(),
+                                        delegateQueue);
+    Outcomes<std::string> labels;
+    queued->downloadData(request(http.url("/")), [&](auto, auto, auto, kel::Error) {
+        char name[16] = {};
+        ::pthread_getname_np(::pthread_self(), name,
+                             sizeof name);  // threads bear their queue's name
+        labels.add(name);
+    });
+    EXPECT_EQ(labels.waitFor(1), std::vector<std::string>{"test.delegate"});
+
+    // The last reference dropped inside a handler, on the session's own I/O thread.
+    auto session = std::make_shared<std::shared_ptr<kel::URLSession>>(kel::URLSession::make());
+    Outcomes<bool> released;
+    (*session)->downloadData(request(http.url("/")),
+                             [session, &released](auto, auto, auto, kel::Error) {
+                                 session->reset();
+                                 released.add(true);
+                             });
+    EXPECT_EQ(released.waitFor(1).size(), 1u);
+}
+
+}  // namespace
