@@ -2,7 +2,7 @@
 
 #include <syslog.h>
 
-#include <cstdio>
+#include <charconv>
 #include <mutex>
 #include <string_view>
 
@@ -10,8 +10,15 @@ namespace kel {
 
 namespace {
 
+// printf's "%f" / "%g" in the C locale whatever the process's numeric locale, so a log line
+// reads the same under a locale that writes a decimal comma.
+std::string formatDouble(double number, std::chars_format format) {
+    char buffer[400];  // "%f" of the largest double is 309 digits, the point and 6 decimals
+    auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, number, format, 6);
+    return error == std::errc() ? std::string(buffer, end) : std::string();
+}
+
 std::string formatNumber(const char* conversion, const LogArgument::Value& value) {
-    char buffer[64];
     const std::string_view kind = conversion;
     if (kind == "f") {
         double number = std::visit(
@@ -23,8 +30,7 @@ std::string formatNumber(const char* conversion, const LogArgument::Value& value
                 }
             },
             value);
-        std::snprintf(buffer, sizeof buffer, "%f", number);
-        return buffer;
+        return formatDouble(number, std::chars_format::fixed);
     }
     return std::visit(
         [](const auto& v) -> std::string {
@@ -49,9 +55,7 @@ std::string LogArgument::text() const {
             if constexpr (std::is_same_v<V, std::string>) {
                 return v;
             } else if constexpr (std::is_same_v<V, double>) {
-                char buffer[64];
-                std::snprintf(buffer, sizeof buffer, "%g", v);
-                return buffer;
+                return formatDouble(v, std::chars_format::general);
             } else {
                 return std::to_string(v);
             }
