@@ -113,6 +113,9 @@ TEST(WhenSomeAndFirst, OneValueIsEnoughOtherwiseEveryErrorIsReported) {
     Error eb = makeTestError("b");
     auto none = whenSome(zalgo(), Promise<int>::rejected(ea), Promise<void>::rejected(eb));
     expectWhenErrors(await(none).error(), {ea, eb});
+    auto cancelledBoth = whenSome(zalgo(), Promise<int>([](auto, auto, auto cancel) { cancel(); }),
+                                  Promise<void>([](auto, auto, auto cancel) { cancel(); }));
+    expectWhenErrors(await(cancelledBoth).error(), {});
 
     // whenFirst needs only the first input.
     auto first = whenFirst(zalgo(), Promise<int>::fulfilled(1),

@@ -604,8 +604,32 @@ class Promise {
         });
     }
 
-    // The outcome so far: empty while pending.
+    // The outcome so far: empty while pending. Copies the value; polling code asks the
+    // questions below instead.
     std::optional<Resolution<T>> resolution() const { return seal_->resolution(); }
+
+    // How the promise settled, without copying anything. A settled promise never changes, so
+    // an answer other than isPending() stays true.
+    bool isPending() const noexcept { return !seal_->isResolved(); }
+    bool isFulfilled() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isResolved();
+    }
+    bool isRejected() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isRejected();
+    }
+    bool isCancelled() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isCancelled();
+    }
+    // The value of a fulfilled promise and the error of a rejected one, by reference into the
+    // promise (valid while a copy of it lives). Asking any other promise is a programming error.
+    const Value& value() const {
+        KEL_PRECONDITION(isFulfilled(), "Promise::value() of a promise that is not fulfilled");
+        return seal_->settledResolution().value();
+    }
+    const Error& error() const {
+        KEL_PRECONDITION(isRejected(), "Promise::error() of a promise that is not rejected");
+        return seal_->settledResolution().error();
+    }
 
     friend bool operator==(const Promise& a, const Promise& b) noexcept {
         return a.seal_ == b.seal_;
