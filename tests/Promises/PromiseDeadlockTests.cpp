@@ -129,7 +129,8 @@ TEST(PromiseDeadlock, ConcurrentCallersOfOneKeyShareOneCreateBlock) {
             };
             Promise<int> a = Promise<int>::fulfilled(0);
             Promise<int> b = Promise<int>::fulfilled(0);
-            atOnce([&] { a = deduper.promise(7, create); }, [&] { b = deduper.promise(7, create); });
+            atOnce([&] { a = deduper.promise(7, create); },
+                   [&] { b = deduper.promise(7, create); });
             ASSERT_EQ(created.load(), 1);
             ASSERT_TRUE(a == b);
             work.resolve(1);
