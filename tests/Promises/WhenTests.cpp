@@ -138,6 +138,11 @@ TEST(Firstly, QueueFormsRunOnTheQueueAndFollowValueButNotCancellation) {
     });
     EXPECT_EQ(await(value).value(), 4);
     EXPECT_TRUE(onQueue.load());
+    // A callable may hand back a reference to a promise it keeps, as with then.
+    const Promise<int> kept = Promise<int>::fulfilled(5);
+    auto viaReference = firstly(queue, [&]() -> const Promise<int>& { return kept; });
+    EXPECT_EQ(await(viaReference).value(), 5);
+    EXPECT_TRUE(firstly([&]() -> const Promise<int>& { return kept; }) == kept);
 
     // A cancelled inner promise leaves the result pending for ever.
     const auto cancelledInner = [] {
