@@ -65,9 +65,20 @@ void OperationQueueCore::hookLocked(const std::shared_ptr<Operation>& operation,
 void OperationQueueCore::addBlock(Task block) {
     auto* light = new LightBlock;
     light->block = std::move(block);
-    std::lock_guard lock(mutex_);
-    waiting_.pushBack(*light);
-    pumpLocked();
+    std::unique_lock lock(mutex_);
+    if (limit_ >= 0 || suspended_ || !waiting_.empty()) {
+        waiting_.pushBack(*light);
+        pumpLocked();
+        return;
+    }
+    // Nothing can hold it back: it starts at once. The dispatch happens after the unlock, so
+    // that finishing blocks do not wait for the lock while the pool wakes a thread for this one.
+    // Blocks from one thread still start in the order added; blocks added at the same moment by
+    // several threads had no order to keep.
+    started_.pushBack(*light);
+    DispatchQueue target = targetLocked();
+    lock.unlock();
+    target.async([core = shared_from_this(), light] { core->runBlock(light); });
 }
 
 std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light) {
@@ -91,27 +102,47 @@ std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light) 
 }
 
 void OperationQueueCore::runBlock(LightBlock* light) {
-    {
-        Task block = std::move(light->block);
-        block();
-    }  // what the block captured is released before it is reported finished
-    std::shared_ptr<Operation> standIn;
-    {
-        std::lock_guard lock(mutex_);
-        if (light->standIn) {
-            standIn = std::move(light->standIn);
-        } else {
-            started_.erase(*light);
-            if (waiting_.empty() && started_.empty()) {
-                emptied_.notify_all();
+    // A worker that finishes a block goes on with the next waiting block itself, when that is
+    // what the queue would start next, instead of dispatching it to another worker: a serial
+    // queue of blocks then costs one dispatch per batch, not per block. Batches are bounded so
+    // that a long queue does not keep the worker from the rest of the pool's work.
+    constexpr int batchLimit = 128;
+    for (int batch = 1;; ++batch) {
+        {
+            Task block = std::move(light->block);
+            block();
+        }  // what the block captured is released before it is reported finished
+        std::shared_ptr<Operation> standIn;
+        LightBlock* next = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (light->standIn) {
+                standIn = std::move(light->standIn);
             } else {
-                pumpLocked();
+                started_.erase(*light);
+                QueueLink* front = waiting_.front();
+                if (waiting_.empty() && started_.empty()) {
+                    emptied_.notify_all();
+                } else {
+                    if (batch < batchLimit && !suspended_ && front != nullptr &&
+                        front->operation == nullptr &&
+                        (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
+                        waiting_.erase(*front);
+                        started_.pushBack(*front);
+                        next = static_cast<LightBlock*>(front);
+                    }
+                    pumpLocked();
+                }
             }
         }
-    }
-    delete light;
-    if (standIn) {
-        standIn->finishStandIn();
+        delete light;
+        if (standIn) {
+            standIn->finishStandIn();
+        }
+        if (next == nullptr) {
+            return;
+        }
+        light = next;
     }
 }
 
