@@ -3,6 +3,7 @@
 #include <atomic>
 #include <latch>
 #include <map>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -131,6 +132,10 @@ TEST(PromiseSequences, MapFlatMapAndReduce) {
         }
     });
     EXPECT_TRUE(failing.isCancelled());
+    // The accumulator is moved, never copied: it may be move-only.
+    auto total = numbers.reduceInto(zalgo(), std::make_unique<int>(0),
+                                    [](std::unique_ptr<int>& acc, int v) { *acc += v; });
+    EXPECT_EQ(*total.value(), 31);
 }
 
 }  // namespace

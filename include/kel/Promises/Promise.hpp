@@ -581,14 +581,16 @@ class Promise {
     requires std::ranges::input_range<T> Promise<A> reduce(const DispatchQueue& queue, A initial,
                                                            F&& f)
     const {
-        return then(queue,
-                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
-                        A accumulator = initial;
-                        for (const auto& element : sequence) {
-                            accumulator = f(std::move(accumulator), element);
-                        }
-                        return accumulator;
-                    });
+        // A then callable runs at most once, so the initial value is moved into the fold: the
+        // accumulator may be move-only.
+        return then(queue, [initial = std::move(initial),
+                            f = std::forward<F>(f)](const T& sequence) mutable {
+            A accumulator = std::move(initial);
+            for (const auto& element : sequence) {
+                accumulator = f(std::move(accumulator), element);
+            }
+            return accumulator;
+        });
     }
 
     // The left fold in place: f(A& accumulator, element) updates the accumulator.
@@ -596,14 +598,14 @@ class Promise {
     requires std::ranges::input_range<T> Promise<A> reduceInto(const DispatchQueue& queue,
                                                                A initial, F&& f)
     const {
-        return then(queue,
-                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
-                        A accumulator = initial;
-                        for (const auto& element : sequence) {
-                            f(accumulator, element);
-                        }
-                        return accumulator;
-                    });
+        return then(queue, [initial = std::move(initial),
+                            f = std::forward<F>(f)](const T& sequence) mutable {
+            A accumulator = std::move(initial);
+            for (const auto& element : sequence) {
+                f(accumulator, element);
+            }
+            return accumulator;
+        });
     }
 
     // The elements whose key(element) was not seen before, first occurrences kept, in order.
