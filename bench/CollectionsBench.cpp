@@ -267,38 +267,6 @@ struct HandKeptCollection {
     }
 };
 
-// applyChanges with 10,000 mixed changes (a third each of additions, removals and
-// reorderings) onto a vector of 10,000 elements.
-void BM_ApplyChangesMixed(benchmark::State& state) {
-    constexpr std::size_t count = 10'000;
-    const std::vector<Item> start(items().begin(), items().begin() + count);
-    std::vector<kel::CollectionChange<Item>> changes;
-    for (std::size_t i = 0; i < count; ++i) {
-        const Item& existing = start[i * 7 % count];
-        switch (i % 3) {
-            case 0:
-                changes.push_back(
-                    kel::CollectionChange<Item>::adding(Item{"new-" + std::to_string(i), 0}));
-                break;
-            case 1:
-                changes.push_back(kel::CollectionChange<Item>::removing(existing));
-                break;
-            default:
-                changes.push_back(kel::CollectionChange<Item>::reordering(
-                    existing, static_cast<std::ptrdiff_t>(i % 100)));
-        }
-    }
-    for (auto _ : state) {
-        std::vector<Item> collection = start;
-        kel::applyChanges(collection, changes);
-        benchmark::DoNotOptimize(collection.data());
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
-}
-BENCHMARK(BM_ApplyChangesMixed)
-    ->Name("CollectionChange/applyChanges10k/vector")
-    ->Unit(benchmark::kMillisecond);
-
 void BM_UniqueCollectionAppend(benchmark::State& state) {
     for (auto _ : state) {
         kel::UniqueCollection<Item> collection;
