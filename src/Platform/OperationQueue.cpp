@@ -81,9 +81,11 @@ void OperationQueueCore::addBlock(Task block) {
     target.async([core = shared_from_this(), light] { core->runBlock(light); });
 }
 
-std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light) {
+std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, bool started) {
     auto operation = std::make_shared<BlockOperation>();
-    if (light->block) {
+    // A started block belongs to its worker, which reads it without the lock: only a waiting
+    // one is touched here.
+    if (!started) {
         // Still waiting: the operation takes the block and its place, and runs as any other.
         operation->addExecutionBlock(std::move(light->block));
         hookLocked(operation, Operation::QueuePhase::waiting);
@@ -252,9 +254,10 @@ std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() {
     for (List* list : {&started_, &waiting_}) {
         for (QueueLink* link = list->front(); link != nullptr;) {
             QueueLink* next = link->next;
-            result.push_back(link->operation != nullptr
-                                 ? link->operation->queueSelf_
-                                 : standInLocked(static_cast<LightBlock*>(link)));
+            result.push_back(
+                link->operation != nullptr
+                    ? link->operation->queueSelf_
+                    : standInLocked(static_cast<LightBlock*>(link), list == &started_));
             link = next;
         }
     }

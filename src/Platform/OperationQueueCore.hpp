@@ -37,7 +37,7 @@ namespace kel::detail {
 
 // A block in the lists without an operation (its link's operation stays null).
 struct LightBlock : QueueLink {
-    Task block;                          // moved out when the block runs or is handed over
+    Task block;  // the worker's once started (read without the lock); the lock's while waiting
     std::shared_ptr<Operation> standIn;  // guarded by the queue's lock; set while running only
 };
 
@@ -91,7 +91,7 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     // Runs a started block on the calling worker and reports it finished.
     void runBlock(LightBlock* light);
     // The operation that stands for a block from now on.
-    std::shared_ptr<Operation> standInLocked(LightBlock* light);
+    std::shared_ptr<Operation> standInLocked(LightBlock* light, bool started);
 };
 
 }  // namespace kel::detail
