@@ -112,22 +112,35 @@ void Pool::monitorMain() {
     nameThread("kel.poolmonitor");
     std::unique_lock lock(mutex_);
     std::uint64_t seen = completed_;
+    std::size_t starvedLooks = 0;  // consecutive looks that found the pool starved
     for (;;) {
         if (items_.empty()) {
             monitorParked_ = true;
             monitorWake_.wait(lock, [this] { return !monitorParked_; });
             seen = completed_;
+            starvedLooks = 0;
             continue;
         }
         monitorWake_.wait_for(lock, starvationInterval);
         // Starved: work waits, no worker is on its way to it, and none has finished anything
         // for a whole interval, so every worker is stuck in something the runtime cannot see.
-        if (!items_.empty() && completed_ == seen && starting_ == 0 && idleHead_ == nullptr &&
-            threads_ < hardLimit_) {
-            Worker* worker = addWorkerLocked();
+        // Each further starved look adds one more worker than the last (1, 2, 3, ...), never
+        // more than there are queued items: a few blocked items get a thread or two, many
+        // mutually waiting ones get theirs within a few looks.
+        if (!items_.empty() && completed_ == seen && starting_ == 0 && idleHead_ == nullptr) {
+            ++starvedLooks;
+            std::size_t add = std::min({starvedLooks, items_.size(), hardLimit_ - threads_});
+            std::vector<Worker*> added;
+            for (std::size_t i = 0; i < add; ++i) {
+                added.push_back(addWorkerLocked());
+            }
             lock.unlock();
-            std::thread([this, worker] { workerMain(worker); }).detach();
+            for (Worker* worker : added) {
+                std::thread([this, worker] { workerMain(worker); }).detach();
+            }
             lock.lock();
+        } else {
+            starvedLooks = 0;
         }
         seen = completed_;
     }

@@ -223,8 +223,9 @@ void nameThread(const std::string& label);
 // runtime (BlockingScope), a replacement may start at once. Work can also block where the
 // runtime cannot see it (a blocking read, std::future::get, a latch, a foreign lock): a monitor
 // thread notices when work is queued and no worker has finished an item for a short interval,
-// and adds one worker per interval while that lasts, up to the hard limit. Workers beyond the
-// soft limit end after a short idle time, so the pool shrinks back once the blocking is over.
+// and adds workers while that lasts (one more at each further look), up to the hard limit. Workers
+// beyond the soft limit end after a short idle time, so the pool shrinks back once the blocking is
+// over.
 class Pool {
   public:
     struct Item {
