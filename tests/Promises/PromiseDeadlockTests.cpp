@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <deque>
 #include <latch>
 #include <string>
 #include <thread>
@@ -61,10 +62,15 @@ TEST(PromiseDeadlock, TwoAllsInOppositeOrdersSettledOnTwoThreads) {
 
 TEST(PromiseDeadlock, RaceWhoseResultCancelsTheLoserWhileBothSettle) {
     EXPECT_TRUE(finishesWithin("race that cancels its loser", [] {
+        // Every round's promises live to the end: a seal's mutex is never destroyed, so
+        // ThreadSanitizer would take a later round's seal at a reused address for the earlier
+        // one and join the two rounds' (opposite) lock orders into a cycle that no round has.
+        std::deque<Pending<int>> inputs;
+        std::vector<Promise<int>> races;
         for (int round = 0; round < kRounds; ++round) {
-            Pending<int> a;
-            Pending<int> b;
-            auto race = Promise<int>::race({a.promise, b.promise});
+            Pending<int>& a = inputs.emplace_back();
+            Pending<int>& b = inputs.emplace_back();
+            auto race = races.emplace_back(Promise<int>::race({a.promise, b.promise}));
             race.always(zalgo(), [&] {
                 (*a.cancel)();
                 (*b.cancel)();
