@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "kel/Concurrency/UnfairLock.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Operation.hpp"
 #include "kel/Platform/OperationQueue.hpp"
@@ -73,8 +74,11 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     std::vector<std::shared_ptr<Operation>> operations();
     void waitUntilEmpty();
 
-    mutable std::mutex mutex_;  // guards everything below and the operations' queue links
-    std::condition_variable emptied_;
+    // Guards everything below and the operations' queue links. Held for a few pointer writes
+    // by the adding thread and the finishing workers at once, so a spinning lock: a sleeping
+    // one makes them queue up in the kernel.
+    mutable UnfairLock mutex_{UnfairLock::Options::dataSynchronization};
+    std::condition_variable_any emptied_;
     std::string name_ = "kel.OperationQueue";
     int limit_ = OperationQueue::defaultMaxConcurrentOperationCount;
     std::optional<DispatchQueue> underlying_;
