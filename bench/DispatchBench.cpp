@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <latch>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -163,6 +164,32 @@ void BM_Concurrent_AsioThreadPoolPost(benchmark::State& state) {
 
 BENCHMARK(BM_Concurrent_KelGlobalQueue)->UseRealTime();
 BENCHMARK(BM_Concurrent_AsioThreadPoolPost)->UseRealTime();
+
+// MARK: - Work blocked outside the runtime
+
+// Sixteen items on the global queue that each wait for all the others (one std::latch): the
+// time until all have run is the time the pool takes to notice that it is starved and grow.
+// One iteration per run, from a pool at its usual size (the extra workers of an earlier run
+// have ended by the time the benchmark starts).
+void BM_Starvation_SixteenMutuallyWaitingItems(benchmark::State& state) {
+    constexpr int items = 16;
+    for (auto _ : state) {
+        std::latch together(items);
+        Countdown done(items);
+        for (int i = 0; i < items; ++i) {
+            kel::DispatchQueue::global().async([&] {
+                together.arrive_and_wait();
+                done.arrive();
+            });
+        }
+        done.wait();
+    }
+}
+
+BENCHMARK(BM_Starvation_SixteenMutuallyWaitingItems)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // MARK: - sync on an idle serial queue
 

@@ -5,7 +5,7 @@
 
 namespace kel {
 
-Promise<void> Synchronizer::synchronize(const DispatchQueue& queue, const Job& closure) {
+Promise<void> Synchronizer::synchronize(const DispatchQueue& queue, Job closure) {
     group_.enter();
     std::optional<Promise<void>> job;
     try {

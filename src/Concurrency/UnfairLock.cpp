@@ -4,6 +4,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "kel/Platform/FatalError.hpp"
+
 namespace kel {
 
 namespace {
@@ -11,8 +13,9 @@ namespace {
 static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t) &&
                   std::atomic<std::uint32_t>::is_always_lock_free,
               "the futex system call needs a plain 32-bit lock word");
-static_assert(sizeof(UnfairLock) == sizeof(void*) + 2 * sizeof(std::uint32_t),
-              "an UnfairLock is its virtual table pointer, its lock word and its option word");
+static_assert(sizeof(UnfairLock) <= sizeof(void*) + 4 * sizeof(std::uint32_t),
+              "an UnfairLock is its virtual table pointer, its lock word, its option word and "
+              "its holder");
 
 // How many times a contended lock() looks at the word before going to sleep. About as long as
 // a short critical section; beyond that a sleep is cheaper than burning the core.
@@ -54,7 +57,20 @@ std::uint32_t UnfairLock::spinWhileLocked() const noexcept {
     return state;
 }
 
+std::int32_t UnfairLock::cacheThread() noexcept {
+    cachedThread = static_cast<std::int32_t>(::gettid());
+    return cachedThread;
+}
+
+void UnfairLock::unlockedByStranger() noexcept {
+    fatalError("UnfairLock unlocked by a thread that does not hold it");
+}
+
 void UnfairLock::lockContended() noexcept {
+    // Only the holder writes its own id here, so seeing ours means this thread holds the lock.
+    if (owner_.load(std::memory_order_relaxed) == currentThread()) {
+        fatalError("UnfairLock locked twice by the same thread");
+    }
     std::uint32_t state = spinWhileLocked();
 
     // Freed while spinning: take it as uncontended if no one else got there first.

@@ -25,8 +25,14 @@ namespace detail {
 
 namespace {
 
-// How long an idle worker waits for work before its thread ends.
+// How long an idle worker waits for work before its thread ends; workers beyond the soft limit
+// (added for blocked work) wait less.
 constexpr auto idleTimeout = std::chrono::seconds(5);
+constexpr auto extraIdleTimeout = std::chrono::milliseconds(500);
+// How long queued work may wait while no worker finishes anything before the monitor adds a
+// worker. Short enough that work which can only finish together (each item waiting on the
+// others) gets its threads quickly; long enough that the monitor costs nothing measurable.
+constexpr auto starvationInterval = std::chrono::milliseconds(2);
 // How long the timer thread sleeps at most in one wait, so that far deadlines never overflow
 // the clock arithmetic of the wait.
 constexpr auto longestTimerWait = std::chrono::hours(1);
@@ -83,8 +89,61 @@ void Pool::push(Item item) {
         std::lock_guard lock(mutex_);
         items_.push(std::move(item));
         provision = provideWorkerLocked();
+        if (monitorParked_) {
+            monitorParked_ = false;
+            provision.wakeMonitor = true;
+        }
     }
     carryOut(provision);
+}
+
+Pool::Worker* Pool::addWorkerLocked() {
+    ++threads_;
+    ++starting_;
+    if (freeWorkers_.empty()) {
+        return new Worker;
+    }
+    Worker* worker = freeWorkers_.back();
+    freeWorkers_.pop_back();
+    return worker;
+}
+
+void Pool::monitorMain() {
+    nameThread("kel.poolmonitor");
+    std::unique_lock lock(mutex_);
+    std::uint64_t seen = completed_;
+    std::size_t starvedLooks = 0;  // consecutive looks that found the pool starved
+    for (;;) {
+        if (items_.empty()) {
+            monitorParked_ = true;
+            monitorWake_.wait(lock, [this] { return !monitorParked_; });
+            seen = completed_;
+            starvedLooks = 0;
+            continue;
+        }
+        monitorWake_.wait_for(lock, starvationInterval);
+        // Starved: work waits, no worker is on its way to it, and none has finished anything
+        // for a whole interval, so every worker is stuck in something the runtime cannot see.
+        // Each further starved look adds one more worker than the last (1, 2, 3, ...), never
+        // more than there are queued items: a few blocked items get a thread or two, many
+        // mutually waiting ones get theirs within a few looks.
+        if (!items_.empty() && completed_ == seen && starting_ == 0 && idleHead_ == nullptr) {
+            ++starvedLooks;
+            std::size_t add = std::min({starvedLooks, items_.size(), hardLimit_ - threads_});
+            std::vector<Worker*> added;
+            for (std::size_t i = 0; i < add; ++i) {
+                added.push_back(addWorkerLocked());
+            }
+            lock.unlock();
+            for (Worker* worker : added) {
+                std::thread([this, worker] { workerMain(worker); }).detach();
+            }
+            lock.lock();
+        } else {
+            starvedLooks = 0;
+        }
+        seen = completed_;
+    }
 }
 
 Pool::Provision Pool::provideWorkerLocked() {
@@ -101,13 +160,10 @@ Pool::Provision Pool::provideWorkerLocked() {
     } else if (threads_ - blocked_ < softLimit_ && threads_ < hardLimit_) {
         // Grow while fewer than softLimit_ threads are able to run; blocked threads do not count,
         // so work that waits on other queued work always gets a thread, up to the hard limit.
-        ++threads_;
-        ++starting_;
-        if (freeWorkers_.empty()) {
-            provision.spawn = new Worker;
-        } else {
-            provision.spawn = freeWorkers_.back();
-            freeWorkers_.pop_back();
+        provision.spawn = addWorkerLocked();
+        if (!monitorStarted_) {
+            monitorStarted_ = true;
+            provision.startMonitor = true;
         }
     }
     return provision;
@@ -122,6 +178,12 @@ void Pool::carryOut(Provision provision) {
     if (provision.spawn != nullptr) {
         Worker* worker = provision.spawn;
         std::thread([this, worker] { workerMain(worker); }).detach();
+    }
+    if (provision.wakeMonitor) {
+        monitorWake_.notify_one();
+    }
+    if (provision.startMonitor) {
+        std::thread([this] { monitorMain(); }).detach();
     }
 }
 
@@ -182,11 +244,15 @@ void Pool::workerMain(Worker* self) {
                 }
             }  // the item (its captures, its queue reference) is released before relocking
             lock.lock();
+            ++completed_;
             continue;
         }
         self->signalled = false;
         linkIdleLocked(self);
-        if (self->wake.wait_for(lock, idleTimeout, [self] { return self->signalled; })) {
+        auto timeout = threads_ > softLimit_
+                           ? std::chrono::duration_cast<std::chrono::milliseconds>(extraIdleTimeout)
+                           : std::chrono::duration_cast<std::chrono::milliseconds>(idleTimeout);
+        if (self->wake.wait_for(lock, timeout, [self] { return self->signalled; })) {
             --starting_;  // whoever signalled us has already unlinked us
             continue;
         }

@@ -219,7 +219,13 @@ void runWork(Task& task) noexcept;
 // system call, so it happens only when the name changes.
 void nameThread(const std::string& label);
 
-// The worker pool.
+// The worker pool. It grows in two ways. When a worker declares that it blocks inside the
+// runtime (BlockingScope), a replacement may start at once. Work can also block where the
+// runtime cannot see it (a blocking read, std::future::get, a latch, a foreign lock): a monitor
+// thread notices when work is queued and no worker has finished an item for a short interval,
+// and adds workers while that lasts (one more at each further look), up to the hard limit. Workers
+// beyond the soft limit end after a short idle time, so the pool shrinks back once the blocking is
+// over.
 class Pool {
   public:
     struct Item {
@@ -243,9 +249,14 @@ class Pool {
     struct Provision {
         Worker* wake = nullptr;
         Worker* spawn = nullptr;
+        bool wakeMonitor = false;
+        bool startMonitor = false;
     };
 
     void workerMain(Worker* self);
+    void monitorMain();
+    // A new worker record counted in threads_ and starting_; called with mutex_ held.
+    Worker* addWorkerLocked();
     // Finds a thread for queued work if none is on its way; called with mutex_ held.
     Provision provideWorkerLocked();
     void carryOut(Provision provision);
@@ -261,6 +272,10 @@ class Pool {
     std::size_t blocked_ = 0;
     std::size_t starting_ = 0;          // woken or new workers that have not looked yet
     std::vector<Worker*> freeWorkers_;  // records of exited workers, reused, never freed
+    std::uint64_t completed_ = 0;       // items finished so far, for the monitor
+    bool monitorStarted_ = false;
+    bool monitorParked_ = false;  // the monitor sleeps until work is pushed
+    std::condition_variable monitorWake_;
 };
 
 // The thread that runs asyncAfter deadlines.

@@ -42,6 +42,14 @@ void Operation::start() {
 
 void Operation::main() {}
 
+void Operation::finishStandIn() {
+    willChangeValueForKey(isExecutingKey);
+    willChangeValueForKey(isFinishedKey);
+    state_.store(State::finished, std::memory_order_release);
+    didChangeValueForKey(isExecutingKey);
+    didChangeValueForKey(isFinishedKey);
+}
+
 void Operation::cancel() {
     if (cancelled_.exchange(true, std::memory_order_acq_rel)) {
         return;  // cancelled before: nothing changes

@@ -9,26 +9,143 @@
 namespace kel {
 namespace detail {
 
-void OperationQueueCore::List::pushBack(Operation& operation) noexcept {
-    operation.queuePrevious_ = tail_;
-    operation.queueNext_ = nullptr;
+void OperationQueueCore::List::pushBack(QueueLink& link) noexcept {
+    link.previous = tail_;
+    link.next = nullptr;
     if (tail_ != nullptr) {
-        tail_->queueNext_ = &operation;
+        tail_->next = &link;
     } else {
-        head_ = &operation;
+        head_ = &link;
     }
-    tail_ = &operation;
+    tail_ = &link;
     ++size_;
 }
 
-void OperationQueueCore::List::erase(Operation& operation) noexcept {
-    (operation.queuePrevious_ != nullptr ? operation.queuePrevious_->queueNext_ : head_) =
-        operation.queueNext_;
-    (operation.queueNext_ != nullptr ? operation.queueNext_->queuePrevious_ : tail_) =
-        operation.queuePrevious_;
-    operation.queuePrevious_ = nullptr;
-    operation.queueNext_ = nullptr;
+void OperationQueueCore::List::erase(QueueLink& link) noexcept {
+    (link.previous != nullptr ? link.previous->next : head_) = link.next;
+    (link.next != nullptr ? link.next->previous : tail_) = link.previous;
+    link.previous = nullptr;
+    link.next = nullptr;
     --size_;
+}
+
+void OperationQueueCore::List::replace(QueueLink& link, QueueLink& replacement) noexcept {
+    replacement.previous = link.previous;
+    replacement.next = link.next;
+    (link.previous != nullptr ? link.previous->next : head_) = &replacement;
+    (link.next != nullptr ? link.next->previous : tail_) = &replacement;
+    link.previous = nullptr;
+    link.next = nullptr;
+}
+
+OperationQueueCore::~OperationQueueCore() {
+    // Blocks still waiting when the last owner lets go (a suspended queue) never run. Started
+    // ones keep the core alive through their work items, so none is left here.
+    for (QueueLink* link = waiting_.front(); link != nullptr;) {
+        QueueLink* next = link->next;
+        if (link->operation == nullptr) {
+            delete static_cast<LightBlock*>(link);
+        }
+        link = next;
+    }
+}
+
+void OperationQueueCore::hookLocked(const std::shared_ptr<Operation>& operation,
+                                    Operation::QueuePhase phase) {
+    Operation& op = *operation;
+    op.enqueued_.store(true, std::memory_order_relaxed);
+    op.queue_ = shared_from_this();
+    op.queueReadyKeys_ = op.keyPathsForValuesAffectingIsReady();
+    op.queueFinishedKeys_ = op.keyPathsForValuesAffectingIsFinished();
+    op.queueHooked_.store(true, std::memory_order_release);
+    op.queuePhase_ = phase;
+    op.queueSelf_ = operation;
+}
+
+void OperationQueueCore::addBlock(Task block) {
+    auto* light = new LightBlock;
+    light->block = std::move(block);
+    std::unique_lock lock(mutex_);
+    if (limit_ >= 0 || suspended_ || !waiting_.empty()) {
+        waiting_.pushBack(*light);
+        pumpLocked();
+        return;
+    }
+    // Nothing can hold it back: it starts at once. The dispatch happens after the unlock, so
+    // that finishing blocks do not wait for the lock while the pool wakes a thread for this one.
+    // Blocks from one thread still start in the order added; blocks added at the same moment by
+    // several threads had no order to keep.
+    started_.pushBack(*light);
+    DispatchQueue target = targetLocked();
+    lock.unlock();
+    target.async([core = shared_from_this(), light] { core->runBlock(light); });
+}
+
+std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, bool started) {
+    auto operation = std::make_shared<BlockOperation>();
+    // A started block belongs to its worker, which reads it without the lock: only a waiting
+    // one is touched here.
+    if (!started) {
+        // Still waiting: the operation takes the block and its place, and runs as any other.
+        operation->addExecutionBlock(std::move(light->block));
+        hookLocked(operation, Operation::QueuePhase::waiting);
+        waiting_.replace(*light, operation->queueLink_);
+        delete light;
+    } else {
+        // Running: the operation is executing until runBlock reports it finished. Nobody can
+        // have observed it yet, so its state is set without announcements.
+        operation->started_.store(true, std::memory_order_relaxed);
+        operation->state_.store(Operation::State::executing, std::memory_order_release);
+        hookLocked(operation, Operation::QueuePhase::started);
+        started_.replace(*light, operation->queueLink_);
+        light->standIn = operation;
+    }
+    return operation;
+}
+
+void OperationQueueCore::runBlock(LightBlock* light) {
+    // A worker that finishes a block goes on with the next waiting block itself, when that is
+    // what the queue would start next, instead of dispatching it to another worker: a serial
+    // queue of blocks then costs one dispatch per batch, not per block. Batches are bounded so
+    // that a long queue does not keep the worker from the rest of the pool's work.
+    constexpr int batchLimit = 128;
+    for (int batch = 1;; ++batch) {
+        {
+            Task block = std::move(light->block);
+            block();
+        }  // what the block captured is released before it is reported finished
+        std::shared_ptr<Operation> standIn;
+        LightBlock* next = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (light->standIn) {
+                standIn = std::move(light->standIn);
+            } else {
+                started_.erase(*light);
+                QueueLink* front = waiting_.front();
+                if (waiting_.empty() && started_.empty()) {
+                    emptied_.notify_all();
+                } else {
+                    if (batch < batchLimit && !suspended_ && front != nullptr &&
+                        front->operation == nullptr &&
+                        (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
+                        waiting_.erase(*front);
+                        started_.pushBack(*front);
+                        next = static_cast<LightBlock*>(front);
+                    }
+                    pumpLocked();
+                }
+            }
+        }
+        delete light;
+        if (standIn) {
+            standIn->finishStandIn();
+        }
+        if (next == nullptr) {
+            return;
+        }
+        light = next;
+    }
 }
 
 void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
@@ -49,7 +166,7 @@ void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
     std::unique_lock lock(mutex_);
     op.queuePhase_ = Operation::QueuePhase::waiting;
     op.queueSelf_ = std::move(operation);
-    waiting_.pushBack(op);
+    waiting_.pushBack(op.queueLink_);
     // Announcements made before the operation was in the lists were ignored: a finish among
     // them is caught here, a readiness change by the start pass below.
     if (!op.isFinished()) {
@@ -81,21 +198,28 @@ void OperationQueueCore::pumpLocked() {
         return;
     }
     DispatchQueue* target = nullptr;
-    Operation* next = waiting_.front();
+    QueueLink* next = waiting_.front();
     while (next != nullptr && (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
-        Operation& op = *next;
-        next = op.queueNext_;
-        if (!op.isReady()) {
+        QueueLink& link = *next;
+        next = link.next;
+        Operation* op = link.operation;
+        if (op != nullptr && !op->isReady()) {
             continue;
         }
-        waiting_.erase(op);
-        started_.pushBack(op);
-        op.queuePhase_ = Operation::QueuePhase::started;
+        waiting_.erase(link);
+        started_.pushBack(link);
         if (target == nullptr) {
             target = &targetLocked();
         }
         // Dispatched under the lock so that operations start in the order they were taken.
-        target->async([operation = op.queueSelf_] { operation->start(); });
+        if (op != nullptr) {
+            op->queuePhase_ = Operation::QueuePhase::started;
+            target->async([operation = op->queueSelf_] { operation->start(); });
+        } else {
+            target->async([core = shared_from_this(), light = static_cast<LightBlock*>(&link)] {
+                core->runBlock(light);
+            });
+        }
     }
 }
 
@@ -103,10 +227,10 @@ std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& oper
     std::lock_guard lock(mutex_);
     switch (operation.queuePhase_) {
         case Operation::QueuePhase::waiting:
-            waiting_.erase(operation);
+            waiting_.erase(operation.queueLink_);
             break;
         case Operation::QueuePhase::started:
-            started_.erase(operation);
+            started_.erase(operation.queueLink_);
             break;
         case Operation::QueuePhase::none:
         case Operation::QueuePhase::finished:
@@ -123,15 +247,19 @@ std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& oper
     return released;
 }
 
-std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() const {
+std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() {
     std::vector<std::shared_ptr<Operation>> result;
     std::lock_guard lock(mutex_);
     result.reserve(waiting_.size() + started_.size());
-    for (const Operation* op = started_.front(); op != nullptr; op = op->queueNext_) {
-        result.push_back(op->queueSelf_);
-    }
-    for (const Operation* op = waiting_.front(); op != nullptr; op = op->queueNext_) {
-        result.push_back(op->queueSelf_);
+    for (List* list : {&started_, &waiting_}) {
+        for (QueueLink* link = list->front(); link != nullptr;) {
+            QueueLink* next = link->next;
+            result.push_back(
+                link->operation != nullptr
+                    ? link->operation->queueSelf_
+                    : standInLocked(static_cast<LightBlock*>(link), list == &started_));
+            link = next;
+        }
     }
     return result;
 }
@@ -189,7 +317,7 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
 
 void OperationQueue::addOperation(Task block) {
     KEL_PRECONDITION(static_cast<bool>(block), "OperationQueue::addOperation needs a block");
-    core_->add(BlockOperation::make(std::move(block)));
+    core_->addBlock(std::move(block));
 }
 
 void OperationQueue::addOperations(const std::vector<std::shared_ptr<Operation>>& operations,

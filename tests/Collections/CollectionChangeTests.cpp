@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,66 @@ TEST(ApplyChanges, RemovalsAndReorderingsCorrectTheTargetsOfLaterReorderings) {
         kel::applyChanges(unique, replay.changes);
         EXPECT_EQ(unique.array(), replay.expected);
     }
+}
+
+// Long random change lists against the rule applied literally: after each change, every later
+// reordering's target is corrected one by one.
+TEST(ApplyChanges, LongChangeListsMatchTheRuleAppliedLiterally) {
+    std::mt19937 random(7);
+    Strings start;
+    for (int i = 0; i < 300; ++i) {
+        start.push_back("s" + std::to_string(i));
+    }
+    std::vector<Change> changes;
+    for (int i = 0; i < 3000; ++i) {
+        std::string existing = "s" + std::to_string(random() % 300);
+        switch (random() % 3) {
+            case 0:
+                changes.push_back(Change::adding("n" + std::to_string(i)));
+                break;
+            case 1:
+                changes.push_back(Change::removing(existing));
+                break;
+            default:
+                changes.push_back(Change::reordering(existing, static_cast<int>(random() % 40)));
+        }
+    }
+
+    Strings expected = start;
+    std::vector<std::ptrdiff_t> targets;
+    for (const Change& change : changes) {
+        targets.push_back(change.toIndex());
+    }
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const Change& change = changes[i];
+        if (change.kind() == Change::Kind::adding) {
+            expected.push_back(change.element());
+            continue;
+        }
+        auto found = std::find(expected.begin(), expected.end(), change.element());
+        if (found == expected.end()) {
+            continue;
+        }
+        auto from = found - expected.begin();
+        std::string moved = *found;
+        expected.erase(found);
+        std::ptrdiff_t to = targets[i];
+        if (change.kind() == Change::Kind::reordering) {
+            expected.insert(expected.begin() + to, moved);
+        }
+        for (std::size_t later = i + 1; later < changes.size(); ++later) {
+            std::ptrdiff_t& u = targets[later];
+            u = change.kind() == Change::Kind::removing ? u - (u > from)
+                                                        : u + (to < u) - (from < u);
+        }
+    }
+
+    Strings strings = start;
+    kel::applyChanges(strings, changes);
+    EXPECT_EQ(strings, expected);
+    kel::UniqueCollection<std::string> unique(start);
+    kel::applyChanges(unique, changes);
+    EXPECT_EQ(unique.array(), expected);
 }
 
 struct Row {

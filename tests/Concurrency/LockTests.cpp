@@ -72,3 +72,34 @@ TEST(UnfairLockOptions, OptionWordLooksOnlyAtBitZero) {
 }
 
 }  // namespace
+
+namespace kel {
+namespace {
+
+// Misuse stops the process with a message instead of hanging or corrupting the lock.
+TEST(UnfairLockDeathTest, RelockingOnTheOwningThreadOrUnlockingFromAnotherStops) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            UnfairLock lock(UnfairLock::Options{});
+            lock.lock();
+            lock.lock();
+        },
+        "UnfairLock locked twice by the same thread");
+    EXPECT_DEATH(
+        {
+            UnfairLock lock(UnfairLock::Options{});
+            lock.lock();
+            std::thread([&] { lock.unlock(); }).join();
+        },
+        "UnfairLock unlocked by a thread that does not hold it");
+    EXPECT_DEATH(
+        {
+            UnfairLock lock(UnfairLock::Options{});
+            lock.unlock();
+        },
+        "UnfairLock unlocked by a thread that does not hold it");
+}
+
+}  // namespace
+}  // namespace kel

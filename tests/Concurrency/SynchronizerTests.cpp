@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
 
 #include "SchedulerTestSupport.hpp"
@@ -29,7 +30,9 @@ TEST(SynchronizerJobs, ResultsWaitOnTheQueueUntilEveryOverlappingJobHasSettled) 
         synchronizer.synchronize(main, [&] { return second.promise; }).then(kel::zalgo(), [&] {
             onMain = kel::isMainThread();
         });
-    auto failedResult = synchronizer.synchronize(main, [&] { return failing.promise; });
+    // A job may capture move-only state.
+    auto failedResult = synchronizer.synchronize(
+        main, [&, owned = std::make_unique<int>(1)] { return failing.promise; });
     EXPECT_THROW(synchronizer.synchronize(
                      main, []() -> kel::Promise<void> { throw std::runtime_error("no job"); }),
                  std::runtime_error);

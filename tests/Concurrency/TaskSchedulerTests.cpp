@@ -187,4 +187,35 @@ TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
     EXPECT_TRUE(cancelled && cancelled->isCancelled());
 }
 
+// The class-wide forms run on the shared scheduler's queues.
+TEST(TaskSchedulerShared, ClassWideFormsActOnTheSharedScheduler) {
+    const kel::TaskScheduler& shared = kel::TaskScheduler::shared();
+    std::atomic<int> onSharedQueues = 0;
+    kel::DispatchGroup ran;
+    auto count = [&](const kel::DispatchQueue& expected) {
+        ran.enter();
+        return [&, expected] {
+            onSharedQueues += expected.isCurrent();
+            ran.leave();
+        };
+    };
+    kel::TaskScheduler::sharedSchedule(count(shared.concurrentDispatchQueue()));
+    kel::TaskScheduler::sharedSchedule(
+        kel::BlockOperation::make(count(shared.concurrentDispatchQueue())));
+    kel::TaskScheduler::sharedScheduleAfter(0.01, count(shared.concurrentDispatchQueue()));
+    std::atomic<bool> serialRan = false;
+    ran.enter();
+    kel::TaskScheduler::sharedScheduleLowPriority([&] {
+        serialRan = true;
+        ran.leave();
+    });
+    auto operation = std::make_shared<ManualOperation>();
+    auto promise = kel::TaskScheduler::sharedPromise(operation);
+    operation->finish(Result<int>::success(3));
+    ASSERT_TRUE(ran.wait(kel::DispatchTime::now() + 20.0));
+    EXPECT_EQ(onSharedQueues, 3);
+    EXPECT_TRUE(serialRan);
+    EXPECT_EQ(promise.value(), 3);
+}
+
 }  // namespace

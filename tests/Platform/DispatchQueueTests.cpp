@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <latch>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "Watchdog.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 
 namespace {
@@ -196,6 +198,23 @@ TEST(DispatchPool, BlockedWorkersDoNotStarveTheWorkTheyWaitFor) {
     DispatchQueue::global(kel::DispatchQoS::utility).async([gate] { gate.leave(); });
     expectEmpties(done);
     EXPECT_EQ(released.load(), blockers);
+}
+
+// Sixteen items that can only finish together, each blocked where the runtime cannot see it
+// (a std::latch): the pool must notice that nothing finishes and add workers until all run.
+TEST(DispatchPool, WorkBlockedOutsideTheRuntimeStillGetsThreads) {
+    EXPECT_TRUE(kel::test::finishesWithin("sixteen items waiting on one latch", [] {
+        constexpr int items = 16;
+        auto together = std::make_shared<std::latch>(items);
+        std::latch finished(items);
+        for (int i = 0; i < items; ++i) {
+            DispatchQueue::global().async([together, &finished] {
+                together->arrive_and_wait();
+                finished.count_down();
+            });
+        }
+        finished.wait();
+    }));
 }
 
 TEST(DispatchQueueIdentity, EqualityIsIdentityNotLabel) {

@@ -238,6 +238,44 @@ TEST(OperationQueueScheduling, CancelledBeforeStartNeverRunMainButLeaveTheQueue)
     EXPECT_EQ(queue.operationCount(), 0u);
 }
 
+// Blocks added without an operation are operations as soon as anyone asks: a running one is
+// executing until its block returns, waiting ones keep their order and can be cancelled.
+TEST(OperationQueueScheduling, BlocksAreOperationsOnceAsked) {
+    OperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    kel::DispatchGroup running;
+    kel::DispatchGroup release;
+    running.enter();
+    release.enter();
+    std::vector<int> ran;  // written by the queue's operations, one at a time
+    queue.addOperation([&] {
+        ran.push_back(0);
+        running.leave();
+        release.wait();
+    });
+    for (int i = 1; i <= 3; ++i) {
+        queue.addOperation([&, i] { ran.push_back(i); });
+    }
+    running.wait();
+    auto operations = queue.operations();
+    ASSERT_EQ(operations.size(), 4u);
+    EXPECT_TRUE(operations[0]->isExecuting());
+    EXPECT_EQ(queue.operations(), operations);  // asked again: the same operations
+    bool finishedHeard = false;
+    KeyValueObservation observation = operations[0]->observe(
+        std::string(Operation::isFinishedKey), [&](std::string_view) { finishedHeard = true; });
+    operations[2]->cancel();
+    release.leave();
+    operations[0]->waitUntilFinished();
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(finishedHeard);
+    EXPECT_EQ(ran, (std::vector<int>{0, 1, 3}));
+    for (const auto& operation : operations) {
+        EXPECT_TRUE(operation->isFinished());
+    }
+    EXPECT_EQ(queue.operationCount(), 0u);
+}
+
 TEST(OperationDeathTest, MisuseIsFatal) {
     EXPECT_DEATH(
         {

@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <latch>
+#include <map>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -118,6 +120,22 @@ TEST(PromiseSequences, MapFlatMapAndReduce) {
     EXPECT_EQ(evens.resolution()->value(), (std::vector<std::string>{"4", "2", "6"}));
     auto sum = numbers.reduce(zalgo(), 0, [](int acc, int v) { return acc + v; });
     EXPECT_EQ(sum.resolution()->value(), 31);
+
+    auto counts = numbers.reduceInto(zalgo(), std::map<int, int>{},
+                                     [](std::map<int, int>& acc, int v) { ++acc[v % 3]; });
+    EXPECT_EQ(counts.value(), (std::map<int, int>{{0, 3}, {1, 3}, {2, 2}}));
+    auto firstOfEachParity = numbers.unique(zalgo(), [](int v) { return v % 2; });
+    EXPECT_EQ(firstOfEachParity.value(), (std::vector<int>{3, 4}));
+    auto failing = numbers.reduceInto(zalgo(), 0, [](int&, int v) {
+        if (v == 9) {
+            throw PromiseError::cancelled;
+        }
+    });
+    EXPECT_TRUE(failing.isCancelled());
+    // The accumulator is moved, never copied: it may be move-only.
+    auto total = numbers.reduceInto(zalgo(), std::make_unique<int>(0),
+                                    [](std::unique_ptr<int>& acc, int v) { *acc += v; });
+    EXPECT_EQ(*total.value(), 31);
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ TEST(PromiseDeduper, SharesTheInFlightPromisePerKey) {
         return creates == 1 ? work.promise : Promise<int>([](auto, auto) {});
     };
     auto first = deduper.promise("k", create);
-    EXPECT_TRUE(deduper.promise("k", create) == first);
+    EXPECT_TRUE(deduper.promise("k", [&]() -> const Promise<int>& { return work.promise; }) ==
+                first);
     EXPECT_EQ(creates, 1);
     EXPECT_FALSE(deduper.promise("other", create) == first);
     EXPECT_EQ(creates, 2);

@@ -171,6 +171,27 @@ TEST(PromiseQueues, HandlersRunInRegistrationOrder) {
     }
     (*pending.fulfill)(1);
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+
+    // On one serial queue too, for mixed kinds of handler, before and after the settlement.
+    DispatchQueue serial("test.order");
+    Pending<int> later;
+    std::vector<int> serialOrder;  // touched on `serial` only
+    auto record = [&](int i) { return [&serialOrder, i] { serialOrder.push_back(i); }; };
+    later.promise.always(serial, record(0));
+    later.promise.then(serial, [&](int) { serialOrder.push_back(1); });
+    later.promise.always(serial, record(2));
+    (*later.fulfill)(1);
+    later.promise.always(serial, record(3));
+    serial.sync([] {});
+    EXPECT_EQ(serialOrder, (std::vector<int>{0, 1, 2, 3}));
+}
+
+TEST(PromiseQueues, DelayFulfilsOnTheGlobalQueueAfterTheDeadline) {
+    auto start = DispatchTime::now();
+    auto delayed = Promise<void>::delay(start + 0.02);
+    EXPECT_TRUE(delayed.isPending());
+    EXPECT_TRUE(await(delayed).isResolved());
+    EXPECT_GE(DispatchTime::now().timePoint() - start.timePoint(), std::chrono::milliseconds(20));
 }
 
 // A rejection or a cancellation skips then callables and is forwarded on the then's own queue:
@@ -226,6 +247,22 @@ TEST(PromiseErrors, ThenCallableThrowsOrReturnsAPromise) {
     auto cancelled = one.then(
         zalgo(), [](int) { return Promise<void>([](auto, auto, auto cancel) { cancel(); }); });
     EXPECT_TRUE(cancelled.resolution()->isCancelled());
+
+    // abandoned is an error like any other; only cancelled cancels.
+    auto abandoned = one.then(zalgo(), [](int) -> int { throw PromiseError::abandoned; });
+    ASSERT_TRUE(abandoned.isRejected());
+    EXPECT_TRUE(errorAs<PromiseError>(abandoned.error()) == PromiseError::abandoned);
+}
+
+// `throw error;` of a kel::Error itself (an exception_ptr) is the error it points to.
+TEST(PromiseErrors, ThrownErrorValueIsUnwrapped) {
+    auto one = Promise<int>::fulfilled(1);
+    Error error = makeTestError("inner");
+    auto rejected = one.then(zalgo(), [&](int) -> int { throw error; });
+    ASSERT_TRUE(rejected.isRejected());
+    EXPECT_TRUE(rejected.error() == error);
+    Error cancel = std::make_exception_ptr(PromiseError::cancelled);
+    EXPECT_TRUE(one.then(zalgo(), [&](int) -> int { throw cancel; }).isCancelled());
 }
 
 struct Owner {

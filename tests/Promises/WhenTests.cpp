@@ -113,6 +113,9 @@ TEST(WhenSomeAndFirst, OneValueIsEnoughOtherwiseEveryErrorIsReported) {
     Error eb = makeTestError("b");
     auto none = whenSome(zalgo(), Promise<int>::rejected(ea), Promise<void>::rejected(eb));
     expectWhenErrors(await(none).error(), {ea, eb});
+    auto cancelledBoth = whenSome(zalgo(), Promise<int>([](auto, auto, auto cancel) { cancel(); }),
+                                  Promise<void>([](auto, auto, auto cancel) { cancel(); }));
+    expectWhenErrors(await(cancelledBoth).error(), {});
 
     // whenFirst needs only the first input.
     auto first = whenFirst(zalgo(), Promise<int>::fulfilled(1),
@@ -135,6 +138,11 @@ TEST(Firstly, QueueFormsRunOnTheQueueAndFollowValueButNotCancellation) {
     });
     EXPECT_EQ(await(value).value(), 4);
     EXPECT_TRUE(onQueue.load());
+    // A callable may hand back a reference to a promise it keeps, as with then.
+    const Promise<int> kept = Promise<int>::fulfilled(5);
+    auto viaReference = firstly(queue, [&]() -> const Promise<int>& { return kept; });
+    EXPECT_EQ(await(viaReference).value(), 5);
+    EXPECT_TRUE(firstly([&]() -> const Promise<int>& { return kept; }) == kept);
 
     // A cancelled inner promise leaves the result pending for ever.
     const auto cancelledInner = [] {

@@ -18,8 +18,10 @@
 // stops the process.
 //
 // Cost: each change costs one search by identifier and one insertion or removal (O(n) for a
-// contiguous container; the search is O(1) for UniqueCollection), plus a pass over the later
-// reorderings to correct their targets, which makes the corrections O(changes x reorderings).
+// contiguous container; the search is O(1) for UniqueCollection), plus O(log^2 r) to correct
+// the targets of the r reorderings: each correction maps targets monotonically, so the
+// targets keep their sorted order and a correction is an addition over a range of that order
+// (a Fenwick tree), found by binary search.
 //
 // CollectionChange is a value type. applyChanges needs exclusive access to the collection.
 #pragma once
@@ -165,6 +167,80 @@ void appendTo(C& collection, E&& element) {
     }
 }
 
+// The targets of the reorderings of one change list, corrected as earlier changes shift
+// positions. Every correction maps targets by a non-decreasing function, so the targets kept in
+// ascending order stay in that order; a correction adds +1 or -1 to every target above a
+// position, which is a suffix of that order, kept as differences in a Fenwick tree.
+class ReorderTargets {
+  public:
+    explicit ReorderTargets(std::vector<std::ptrdiff_t> targets)
+        : original_(std::move(targets)),
+          rankOf_(original_.size()),
+          sorted_(original_.size()),
+          deltas_(original_.size() + 1, 0) {
+        std::vector<std::size_t> order(original_.size());
+        for (std::size_t i = 0; i < order.size(); ++i) {
+            order[i] = i;
+        }
+        std::stable_sort(order.begin(), order.end(),
+                         [&](std::size_t a, std::size_t b) { return original_[a] < original_[b]; });
+        for (std::size_t rank = 0; rank < order.size(); ++rank) {
+            rankOf_[order[rank]] = rank;
+            sorted_[rank] = original_[order[rank]];
+        }
+    }
+
+    // The current target of the reordering with this index (in list order).
+    std::ptrdiff_t target(std::size_t reordering) const { return valueAt(rankOf_[reordering]); }
+
+    // Adds `delta` to every target greater than `position`.
+    void addAbove(std::ptrdiff_t position, std::ptrdiff_t delta) {
+        addFrom(firstAbove(position), delta);
+    }
+
+    // Moves every target as a reordering from `from` to `to` does: u + (to < u) - (from < u).
+    void reorder(std::ptrdiff_t from, std::ptrdiff_t to) {
+        // Both boundaries are found before either addition, on the targets as they stand.
+        std::size_t aboveTo = firstAbove(to);
+        std::size_t aboveFrom = firstAbove(from);
+        addFrom(aboveTo, 1);
+        addFrom(aboveFrom, -1);
+    }
+
+  private:
+    std::ptrdiff_t valueAt(std::size_t rank) const {
+        std::ptrdiff_t value = sorted_[rank];
+        for (std::size_t i = rank + 1; i > 0; i -= i & (~i + 1)) {
+            value += deltas_[i];
+        }
+        return value;
+    }
+    void addFrom(std::size_t rank, std::ptrdiff_t delta) {
+        for (std::size_t i = rank + 1; i < deltas_.size(); i += i & (~i + 1)) {
+            deltas_[i] += delta;
+        }
+    }
+    // The first rank whose target is greater than position (the count if none).
+    std::size_t firstAbove(std::ptrdiff_t position) const {
+        std::size_t low = 0;
+        std::size_t high = sorted_.size();
+        while (low < high) {
+            std::size_t middle = low + (high - low) / 2;
+            if (valueAt(middle) > position) {
+                high = middle;
+            } else {
+                low = middle + 1;
+            }
+        }
+        return low;
+    }
+
+    std::vector<std::ptrdiff_t> original_;
+    std::vector<std::size_t> rankOf_;     // list index -> rank in ascending order
+    std::vector<std::ptrdiff_t> sorted_;  // the original targets by rank
+    std::vector<std::ptrdiff_t> deltas_;  // Fenwick tree of differences, 1-based
+};
+
 }  // namespace detail
 
 // Replays `changes` onto `collection`, building added elements with `elementConstructor`.
@@ -173,20 +249,14 @@ void applyChanges(C& collection, const Changes& changes, Constructor&& elementCo
     using ChangeType = std::ranges::range_value_t<Changes>;
     using Kind = typename ChangeType::Kind;
 
-    // The targets of the reorderings, in list order, corrected as earlier changes shift
-    // positions. Those from `upcoming` on belong to changes not reached yet.
-    std::vector<std::ptrdiff_t> targets;
+    std::vector<std::ptrdiff_t> initialTargets;
     for (const auto& change : changes) {
         if (change.kind() == Kind::reordering) {
-            targets.push_back(change.toIndex());
+            initialTargets.push_back(change.toIndex());
         }
     }
-    std::size_t upcoming = 0;
-    const auto correctUpcomingTargets = [&](auto&& correct) {
-        for (std::size_t later = upcoming; later < targets.size(); ++later) {
-            targets[later] = correct(targets[later]);
-        }
-    };
+    detail::ReorderTargets targets(std::move(initialTargets));
+    std::size_t upcoming = 0;  // the index of the next reordering
 
     for (const auto& change : changes) {
         switch (change.kind()) {
@@ -200,24 +270,18 @@ void applyChanges(C& collection, const Changes& changes, Constructor&& elementCo
                     break;
                 }
                 detail::removeAt(collection, *found);
-                const auto removed = static_cast<std::ptrdiff_t>(*found);
-                correctUpcomingTargets([removed](std::ptrdiff_t target) {
-                    return target > removed ? target - 1 : target;
-                });
+                targets.addAbove(static_cast<std::ptrdiff_t>(*found), -1);
                 break;
             }
             case Kind::reordering: {
-                const std::ptrdiff_t to = targets[upcoming++];
+                const std::ptrdiff_t to = targets.target(upcoming++);
                 const auto found =
                     detail::firstPositionOf(collection, identifierOf(change.element()));
                 if (!found) {
                     break;
                 }
                 detail::moveAt(collection, *found, to);
-                const auto from = static_cast<std::ptrdiff_t>(*found);
-                correctUpcomingTargets([from, to](std::ptrdiff_t target) {
-                    return target + (to < target ? 1 : 0) - (from < target ? 1 : 0);
-                });
+                targets.reorder(static_cast<std::ptrdiff_t>(*found), to);
                 break;
             }
         }

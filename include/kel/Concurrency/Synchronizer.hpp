@@ -18,21 +18,21 @@
 // Ownership: shared-owned (std::make_shared); each pending job keeps the group alive.
 #pragma once
 
-#include <functional>
-
 #include "kel/Platform/DispatchGroup.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
+#include "kel/Platform/InlineFunction.hpp"
 #include "kel/Promises/Promise.hpp"
 
 namespace kel {
 
 class SynchronizerType {
   public:
-    using Job = std::function<Promise<void>()>;
+    // Move-only, called once: it may capture move-only state.
+    using Job = InlineFunction<Promise<void>(), 3 * sizeof(void*)>;
 
     virtual ~SynchronizerType() = default;
 
-    virtual Promise<void> synchronize(const DispatchQueue& queue, const Job& closure) = 0;
+    virtual Promise<void> synchronize(const DispatchQueue& queue, Job closure) = 0;
 };
 
 class Synchronizer final : public SynchronizerType {
@@ -41,7 +41,7 @@ class Synchronizer final : public SynchronizerType {
     Synchronizer(const Synchronizer&) = delete;
     Synchronizer& operator=(const Synchronizer&) = delete;
 
-    Promise<void> synchronize(const DispatchQueue& queue, const Job& closure) override;
+    Promise<void> synchronize(const DispatchQueue& queue, Job closure) override;
 
     const DispatchGroup& group() const { return group_; }
 

@@ -12,10 +12,11 @@
 // has passed; promise(operation) runs an AsyncOperation there and answers with its result.
 //
 // TaskScheduler::shared() is the scheduler named "default", created once, thread-safely, on first
-// use and never destroyed (pool threads may still use it while the process exits). Work meant
-// for the shared scheduler is spelled TaskScheduler::shared().schedule(...) and so on: C++ does
-// not allow a static and a member function with the same parameters, so the class-wide forms are
-// reached through shared().
+// use and never destroyed (pool threads may still use it while the process exits). The
+// class-wide forms of the operations act on it: TaskScheduler::sharedSchedule(...),
+// sharedScheduleLowPriority, sharedScheduleAfter and sharedPromise. C++ does not allow a static
+// and a member function with the same name and parameters, so they carry the "shared" prefix;
+// TaskScheduler::shared().schedule(...) is the same call.
 //
 // Thread rules: every operation may be called from any thread.
 // Ownership: shared-owned (std::make_shared); the scheduler owns its queues. Queued work keeps
@@ -63,6 +64,25 @@ class TaskScheduler {
                                          [this](std::shared_ptr<AsyncOperation<T>> scheduled) {
                                              schedule(std::move(scheduled));
                                          });
+    }
+
+    // The class-wide forms: the same operations on shared().
+    static void sharedSchedule(std::shared_ptr<Operation> operation) {
+        shared().schedule(std::move(operation));
+    }
+    static void sharedSchedule(Task block) { shared().schedule(std::move(block)); }
+    static void sharedScheduleLowPriority(std::shared_ptr<Operation> operation) {
+        shared().scheduleLowPriority(std::move(operation));
+    }
+    static void sharedScheduleLowPriority(Task block) {
+        shared().scheduleLowPriority(std::move(block));
+    }
+    static void sharedScheduleAfter(double seconds, Task block) {
+        shared().scheduleAfter(seconds, std::move(block));
+    }
+    template <class Op, class T = typename Op::Value>
+    static Promise<T> sharedPromise(std::shared_ptr<Op> operation) {
+        return shared().promise(std::move(operation));
     }
 
     // The queue on which callers may run continuations of scheduled work.

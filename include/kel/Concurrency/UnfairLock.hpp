@@ -11,8 +11,10 @@
 // through optionWord()); it is a scheduling hint that this implementation accepts and ignores.
 // Only bit 0 of the options' raw value is looked at.
 //
-// Misuse: locking twice from the owning thread deadlocks (the word does not record its owner,
-// so it cannot be detected); unlocking a lock the caller does not hold is undefined.
+// Misuse stops the process (fatalError): locking it again on the thread that holds it, and
+// unlocking it from a thread that does not hold it. The holder's thread id is kept beside the
+// lock word for this; it is written by the holder only, checked on the contended path and in
+// unlock(), so the uncontended lock() stays one compare-and-swap and one plain store.
 //
 // Thread rules: lock() and unlock() from any thread, concurrently.
 // Ownership: not copyable, not movable; keep it by value or through std::shared_ptr.
@@ -49,9 +51,14 @@ class UnfairLock final : public Lock {
                                            std::memory_order_relaxed)) [[unlikely]] {
             lockContended();
         }
+        owner_.store(currentThread(), std::memory_order_relaxed);
     }
 
     void unlock() noexcept override {
+        if (owner_.load(std::memory_order_relaxed) != currentThread()) [[unlikely]] {
+            unlockedByStranger();
+        }
+        owner_.store(0, std::memory_order_relaxed);
         if (word_.exchange(unlocked, std::memory_order_release) == contended) [[unlikely]] {
             wakeOne();
         }
@@ -61,8 +68,12 @@ class UnfairLock final : public Lock {
     // Lockable, so std::scoped_lock can take several locks at once.
     bool try_lock() noexcept {
         std::uint32_t expected = unlocked;
-        return word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
-                                             std::memory_order_relaxed);
+        if (!word_.compare_exchange_strong(expected, locked, std::memory_order_acquire,
+                                           std::memory_order_relaxed)) {
+            return false;
+        }
+        owner_.store(currentThread(), std::memory_order_relaxed);
+        return true;
     }
 
     // sync through the concrete type: no virtual calls.
@@ -79,12 +90,23 @@ class UnfairLock final : public Lock {
     static constexpr std::uint32_t locked = 1;
     static constexpr std::uint32_t contended = 2;
 
+    // The calling thread's kernel id (never 0), cached per thread.
+    static std::int32_t currentThread() noexcept {
+        return cachedThread != 0 ? cachedThread : cacheThread();
+    }
+    static std::int32_t cacheThread() noexcept;
+
     void lockContended() noexcept;
     std::uint32_t spinWhileLocked() const noexcept;
     void wakeOne() noexcept;
+    [[noreturn]] static void unlockedByStranger() noexcept;
+
+    __attribute__((
+        tls_model("initial-exec"))) static inline thread_local std::int32_t cachedThread = 0;
 
     std::atomic<std::uint32_t> word_{unlocked};  // the lock word itself; futex address
     const std::uint32_t optionWord_;             // set once at construction
+    std::atomic<std::int32_t> owner_{0};         // the holder's thread id, 0 when free
 };
 
 inline constexpr UnfairLock::Options UnfairLock::Options::dataSynchronization{1};

@@ -34,9 +34,18 @@
 
 namespace kel {
 
+class Operation;
+
 namespace detail {
 class OperationQueueCore;
-}
+
+// A place in an operation queue's lists: an operation, or a block the queue runs without one.
+struct QueueLink {
+    QueueLink* previous = nullptr;
+    QueueLink* next = nullptr;
+    Operation* operation = nullptr;  // null for a block without an operation
+};
+}  // namespace detail
 
 class Operation : public KeyValueObservable,
                   public Cancellable,
@@ -100,6 +109,8 @@ class Operation : public KeyValueObservable,
     };
 
     void dependencyFinished(std::atomic<bool>& unfinished);
+    // Reports an operation that a queue made executing for a running block finished.
+    void finishStandIn();
     void observeOwnFinish();
     void finishedChanged();
 
@@ -128,8 +139,7 @@ class Operation : public KeyValueObservable,
     // Guarded by the queue's lock: the operation's place in the queue's lists.
     enum class QueuePhase : std::uint8_t { none, waiting, started, finished };
     QueuePhase queuePhase_ = QueuePhase::none;
-    Operation* queuePrevious_ = nullptr;
-    Operation* queueNext_ = nullptr;
+    detail::QueueLink queueLink_{nullptr, nullptr, this};
     std::shared_ptr<Operation> queueSelf_;  // the queue's reference while the operation is in it
 
     friend class detail::OperationQueueCore;

@@ -28,8 +28,12 @@ namespace kel {
 
 namespace detail {
 
+// What a firstly callable returns, by the rule `then` uses: a Promise<T> or a reference to one.
 template <class F, class... Owner>
-using FirstlyValue = typename PromiseTraits<std::invoke_result_t<F&, Owner...>>::Value;
+using FirstlyResult = std::remove_cvref_t<std::invoke_result_t<F&, Owner...>>;
+
+template <class F, class... Owner>
+using FirstlyValue = typename PromiseTraits<FirstlyResult<F, Owner...>>::Value;
 
 // Calls `call` and makes `outer` follow the promise it returns, for a value or an error only.
 template <class T, class Call>
@@ -62,13 +66,13 @@ void runFirstlyWithOwner(const SealRef<T>& outer, const std::weak_ptr<O>& owner,
 }  // namespace detail
 
 template <class F>
-requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&> firstly(
+requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F> firstly(
     F&& f) {
     return f();
 }
 
 template <class F>
-requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&> firstly(
+requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F> firstly(
     const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
     auto outer = detail::SealRef<T>::make();
@@ -77,7 +81,7 @@ requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_resu
 }
 
 template <class O, class F>
-requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
+requires detail::PromiseTraits<detail::FirstlyResult<F, O&>>::value detail::FirstlyResult<F, O&>
 firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
     using T = detail::FirstlyValue<F, O&>;
     auto outer = detail::SealRef<T>::make();
@@ -88,7 +92,7 @@ firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
 }
 
 template <class F>
-requires detail::PromiseTraits<std::invoke_result_t<F&>>::value std::invoke_result_t<F&>
+requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F>
 firstlySync(const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
     auto outer = detail::SealRef<T>::make();
@@ -97,7 +101,7 @@ firstlySync(const DispatchQueue& queue, F&& f) {
 }
 
 template <class O, class F>
-requires detail::PromiseTraits<std::invoke_result_t<F&, O&>>::value std::invoke_result_t<F&, O&>
+requires detail::PromiseTraits<detail::FirstlyResult<F, O&>>::value detail::FirstlyResult<F, O&>
 firstlySync(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
     using T = detail::FirstlyValue<F, O&>;
     auto outer = detail::SealRef<T>::make();

@@ -162,7 +162,8 @@ class Executor {
 };
 
 // The outcome of a then-callable that threw, by the error rules of `then`:
-// PromiseError::cancelled cancels, anything else rejects. Called from inside a catch block.
+// PromiseError::cancelled cancels, anything else rejects; a thrown Error (an exception_ptr) is
+// looked through. Called from inside a catch block.
 template <class U>
 Resolution<U> resolutionOfThrown() noexcept {
     try {
@@ -170,6 +171,16 @@ Resolution<U> resolutionOfThrown() noexcept {
     } catch (const PromiseError& e) {
         if (e == PromiseError::cancelled) {
             return Resolution<U>::cancelled();
+        }
+        return Resolution<U>::rejected(std::current_exception());
+    } catch (const Error& inner) {
+        // `throw error;` of an Error value: the error is the one it points to.
+        if (inner) {
+            try {
+                std::rethrow_exception(inner);
+            } catch (...) {
+                return resolutionOfThrown<U>();
+            }
         }
         return Resolution<U>::rejected(std::current_exception());
     } catch (...) {
@@ -570,14 +581,16 @@ class Promise {
     requires std::ranges::input_range<T> Promise<A> reduce(const DispatchQueue& queue, A initial,
                                                            F&& f)
     const {
-        return then(queue,
-                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
-                        A accumulator = initial;
-                        for (const auto& element : sequence) {
-                            accumulator = f(std::move(accumulator), element);
-                        }
-                        return accumulator;
-                    });
+        // A then callable runs at most once, so the initial value is moved into the fold: the
+        // accumulator may be move-only.
+        return then(queue, [initial = std::move(initial),
+                            f = std::forward<F>(f)](const T& sequence) mutable {
+            A accumulator = std::move(initial);
+            for (const auto& element : sequence) {
+                accumulator = f(std::move(accumulator), element);
+            }
+            return accumulator;
+        });
     }
 
     // The left fold in place: f(A& accumulator, element) updates the accumulator.
@@ -585,14 +598,14 @@ class Promise {
     requires std::ranges::input_range<T> Promise<A> reduceInto(const DispatchQueue& queue,
                                                                A initial, F&& f)
     const {
-        return then(queue,
-                    [initial = std::move(initial), f = std::forward<F>(f)](const T& sequence) {
-                        A accumulator = initial;
-                        for (const auto& element : sequence) {
-                            f(accumulator, element);
-                        }
-                        return accumulator;
-                    });
+        return then(queue, [initial = std::move(initial),
+                            f = std::forward<F>(f)](const T& sequence) mutable {
+            A accumulator = std::move(initial);
+            for (const auto& element : sequence) {
+                f(accumulator, element);
+            }
+            return accumulator;
+        });
     }
 
     // The elements whose key(element) was not seen before, first occurrences kept, in order.
@@ -604,8 +617,32 @@ class Promise {
         });
     }
 
-    // The outcome so far: empty while pending.
+    // The outcome so far: empty while pending. Copies the value; polling code asks the
+    // questions below instead.
     std::optional<Resolution<T>> resolution() const { return seal_->resolution(); }
+
+    // How the promise settled, without copying anything. A settled promise never changes, so
+    // an answer other than isPending() stays true.
+    bool isPending() const noexcept { return !seal_->isResolved(); }
+    bool isFulfilled() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isResolved();
+    }
+    bool isRejected() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isRejected();
+    }
+    bool isCancelled() const noexcept {
+        return seal_->isResolved() && seal_->settledResolution().isCancelled();
+    }
+    // The value of a fulfilled promise and the error of a rejected one, by reference into the
+    // promise (valid while a copy of it lives). Asking any other promise is a programming error.
+    const Value& value() const {
+        KEL_PRECONDITION(isFulfilled(), "Promise::value() of a promise that is not fulfilled");
+        return seal_->settledResolution().value();
+    }
+    const Error& error() const {
+        KEL_PRECONDITION(isRejected(), "Promise::error() of a promise that is not rejected");
+        return seal_->settledResolution().error();
+    }
 
     friend bool operator==(const Promise& a, const Promise& b) noexcept {
         return a.seal_ == b.seal_;
@@ -626,25 +663,22 @@ class Promise {
                 Reject(detail::SettleTarget<T>::owning(seal))};
     }
 
-    // The runner of race: runs the first block given to it, through a private serial queue,
-    // and ignores every later one.
+    // The runner of race: decides, through a private serial queue, which input is first.
+    // Only the decision runs on the queue; the winner settles the result after the decision
+    // has returned, so no settlement (and no handler it runs) ever happens inside the blocking
+    // sync, and two inputs settling at once cannot deadlock through the result's handlers.
     struct FirstBlockRunner {
         bool firstBlockHasRun = false;                  // guarded by serialQueue
-        DispatchQueue serialQueue{"FirstBlockRunner"};  // serialises run()
+        DispatchQueue serialQueue{"FirstBlockRunner"};  // serialises decide()
 
-        template <class Block>
-        void run(Block&& block) {
-            // Called again from inside the first block (a handler of the result settling another
-            // input): the decision is made already, and a nested sync would deadlock.
-            if (serialQueue.isCurrent()) {
-                return;
-            }
+        // True for the first caller only.
+        bool decide() {
+            bool first = false;
             serialQueue.sync([&] {
-                if (!firstBlockHasRun) {
-                    firstBlockHasRun = true;
-                    block();
-                }
+                first = !firstBlockHasRun;
+                firstBlockHasRun = true;
             });
+            return first;
         }
     };
 
@@ -670,29 +704,25 @@ class Promise {
             return false;
         }
 
-        // Walks the inputs from values.size() on. A settled input is taken in the loop; at a
-        // pending one a handler is left behind that takes it and walks on later. Each input is
-        // dropped from `inputs` when it is visited, so a handler never keeps its own promise
-        // alive through this state.
+        // Walks the inputs from values.size() on. A settled input is taken in the loop (its
+        // resolution is read without its lock); at a pending one a handler is left behind that
+        // takes it and walks on later. Each input is dropped from `inputs` when it is visited,
+        // so a handler never keeps its own promise alive through this state.
         //
-        // A handler walks on from inside the settlement of `settling`, under its lock. The same
-        // promise may come up again later in the list (all({p, p}), or a deduper handing out one
-        // promise twice); its resolution is then taken as it stands instead of locking it again,
-        // which would deadlock.
-        static void walk(const std::shared_ptr<AllState>& state,
-                         const detail::Seal<T>* settling = nullptr,
-                         const Resolution<T>* settled = nullptr) {
+        // The handler takes its input at once but walks on only once its thread holds no seal
+        // lock (AfterSettlement): a walk that went on under the settling seal's lock could
+        // re-lock a seal its own thread is settling (an input derived on zalgo from a later
+        // input), or lock seals in the opposite order of another thread walking another `all`.
+        static void walk(const std::shared_ptr<AllState>& state) {
             while (state->values.size() < state->inputs.size()) {
                 detail::SealRef<T> seal = std::move(state->inputs[state->values.size()].seal_);
-                const Resolution<T>* resolution =
-                    seal.get() == settling ? settled : seal->resolutionOrAddHandler([&state] {
-                        return [state](const Resolution<T>& resolution,
-                                       detail::Seal<T>& source) noexcept {
-                            if (state->take(resolution)) {
-                                walk(state, &source, &resolution);
-                            }
-                        };
-                    });
+                const Resolution<T>* resolution = seal->resolutionOrAddHandler([&state] {
+                    return [state](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
+                        if (state->take(resolution)) {
+                            detail::AfterSettlement::run([state] { walk(state); });
+                        }
+                    };
+                });
                 if (resolution == nullptr || !state->take(*resolution)) {
                     return;
                 }
@@ -730,8 +760,8 @@ Promise<T> Promise<T>::race(std::vector<Promise> promises) {
     for (const Promise& promise : promises) {
         promise.seal_->addHandler(
             [runner, result](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
-                if (!resolution.isCancelled()) {
-                    runner->run([&] { detail::settle(result, resolution); });
+                if (!resolution.isCancelled() && runner->decide()) {
+                    detail::settle(result, resolution);
                 }
             });
     }

@@ -5,8 +5,9 @@
 // resolved for good; later settlements are ignored. Handlers registered while pending are kept
 // in registration order (the first one inline, the rest in a vector) and are called, in that
 // order and under the seal's lock, when it resolves; a handler registered on a resolved seal is
-// called at once, also under the lock. The handlers are destroyed after the lock is released,
-// so what they capture is never destroyed inside the critical section. Once resolved, the
+// called at once, also under the lock. Work a handler hands to AfterSettlement runs once the
+// settling thread holds no seal lock any more. The handlers are destroyed after the lock is
+// released, so what they capture is never destroyed inside the critical section. Once resolved, the
 // resolution never changes, so reading it (resolution(), state()) takes no lock: an atomic flag,
 // set under the lock before any handler runs, publishes it.
 //
@@ -37,6 +38,57 @@ namespace kel::detail {
 
 template <class T>
 class Seal;
+
+// Work that a handler wants done once no seal lock is held any more on its thread. Inside a
+// settlement (at any depth of settlements nested through zalgo handlers) the work is kept
+// and run, in the order given, right after the outermost settlement on the thread has released
+// its lock; outside a settlement it runs at once. Combinators that go on to lock other seals
+// (the walk of `all`) use it, so that a thread never holds one seal's lock while it waits for
+// another's: two threads settling inputs in opposite orders cannot deadlock, and a walk never
+// re-locks a seal its own thread is settling.
+class AfterSettlement {
+  public:
+    template <class Work>
+    static void run(Work&& work) {
+        if (depth == 0) {
+            work();
+        } else {
+            pending().emplace_back(std::forward<Work>(work));
+        }
+    }
+
+  private:
+    template <class T>
+    friend class Seal;
+
+    static void enter() noexcept { ++depth; }
+    // Leaves a settlement; the outermost one runs what was kept. Work run here may settle
+    // seals in turn: their kept work joins the same list (depth stays above zero meanwhile).
+    static void leave() noexcept {
+        if (depth > 1 || pendingList == nullptr || pendingList->empty()) {
+            --depth;
+            return;
+        }
+        std::vector<InlineFunction<void(), 48>>& list = *pendingList;
+        for (std::size_t next = 0; next < list.size(); ++next) {
+            auto work = std::move(list[next]);
+            work();
+        }
+        list.clear();
+        --depth;
+    }
+
+    static std::vector<InlineFunction<void(), 48>>& pending() {
+        if (pendingList == nullptr) {
+            static thread_local std::vector<InlineFunction<void(), 48>> list;
+            pendingList = &list;
+        }
+        return *pendingList;
+    }
+
+    static inline thread_local int depth = 0;  // settlements in progress on this thread
+    static inline thread_local std::vector<InlineFunction<void(), 48>>* pendingList = nullptr;
+};
 
 // A handler of a seal: called with the resolution and the seal that resolved, through which a
 // handler that submits work can take a reference to keep the resolution alive. Callables up to
@@ -80,9 +132,16 @@ class Seal {
     // Settles the seal unless it is already resolved, then runs the stored handlers in
     // registration order. The caller holds a reference for the duration of the call.
     void settle(Resolution<T>&& resolution) {
+        // A resolved seal never changes: a late settlement does not need the lock (and so
+        // cannot block on a thread that is still running this seal's handlers).
+        if (resolved_.load(std::memory_order_acquire)) {
+            return;
+        }
+        AfterSettlement::enter();
         {
             std::lock_guard guard(lock_);
             if (resolved_.load(std::memory_order_relaxed)) {
+                AfterSettlement::leave();
                 return;
             }
             resolution_.emplace(std::move(resolution));
@@ -94,6 +153,7 @@ class Seal {
                 }
             }
         }
+        AfterSettlement::leave();
         // Resolved now: no one else touches the handler storage any more.
         first_.reset();
         std::vector<SealHandler<T>>().swap(more_);
@@ -110,11 +170,15 @@ class Seal {
         }
     }
 
-    // The resolution if the seal is resolved; otherwise stores the handler that makeHandler()
-    // returns and gives null. Lets a caller that walks many promises handle the settled ones in
-    // a loop, without recursing through their handlers or building handlers it does not need.
+    // The resolution if the seal is resolved (read without the lock: it is published before
+    // any handler runs); otherwise stores the handler that makeHandler() returns and gives null.
+    // Lets a caller that walks many promises handle the settled ones in a loop, without recursing
+    // through their handlers or building handlers it does not need.
     template <class MakeHandler>
     const Resolution<T>* resolutionOrAddHandler(MakeHandler&& makeHandler) {
+        if (resolved_.load(std::memory_order_acquire)) {
+            return &*resolution_;
+        }
         std::lock_guard guard(lock_);
         if (resolved_.load(std::memory_order_relaxed)) {
             return &*resolution_;

@@ -4,10 +4,14 @@
 // errors are kept as they are, even when there is only one. Equality compares the error lists
 // (each error by identity).
 //
+// Copies share one immutable state (the errors and the description), so copying never throws
+// and never allocates, as an exception type's copy must not.
+//
 // Thread rules: a value type; copies may travel to any thread.
 #pragma once
 
 #include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,18 +23,20 @@ class WhenError : public std::exception {
   public:
     explicit WhenError(std::vector<Error> errors);
 
-    const std::vector<Error>& errors() const noexcept { return errors_; }
-
+    const std::vector<Error>& errors() const noexcept { return state_->errors; }
     // "WhenError.errors([<description>, ...])".
-    const char* what() const noexcept override { return description_.c_str(); }
+    const char* what() const noexcept override { return state_->description.c_str(); }
 
     friend bool operator==(const WhenError& a, const WhenError& b) noexcept {
-        return a.errors_ == b.errors_;
+        return a.state_->errors == b.state_->errors;
     }
 
   private:
-    std::vector<Error> errors_;
-    std::string description_;
+    struct State {
+        std::vector<Error> errors;
+        std::string description;
+    };
+    std::shared_ptr<const State> state_;  // never null
 };
 
 }  // namespace kel
