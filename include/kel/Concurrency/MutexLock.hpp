@@ -6,6 +6,8 @@
 //
 // The mutex is not destroyed when the lock is: glibc's normal mutexes own no resources, and a
 // lock released while held is not guarded against (destroying a held mutex would be an error).
+// Under ThreadSanitizer it is destroyed, so that the tool forgets it: otherwise a new lock at a
+// reused address inherits the old one's lock-order history and false inversions are reported.
 //
 // Thread rules: lock() and unlock() from any thread, concurrently.
 // Ownership: not copyable, not movable; keep it by value or through std::shared_ptr.
@@ -18,6 +20,17 @@
 #include <cstring>
 #include <utility>
 
+#if defined(__SANITIZE_THREAD__)
+#define KEL_MUTEX_LOCK_DESTROYS 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KEL_MUTEX_LOCK_DESTROYS 1
+#endif
+#endif
+#ifndef KEL_MUTEX_LOCK_DESTROYS
+#define KEL_MUTEX_LOCK_DESTROYS 0
+#endif
+
 namespace kel {
 
 class MutexLock final : public Lock {
@@ -26,6 +39,9 @@ class MutexLock final : public Lock {
         std::memset(&mutex_, 0, sizeof mutex_);
         pthread_mutex_init(&mutex_, nullptr);
     }
+#if KEL_MUTEX_LOCK_DESTROYS
+    ~MutexLock() override { pthread_mutex_destroy(&mutex_); }
+#endif
 
     void lock() noexcept override { pthread_mutex_lock(&mutex_); }
     void unlock() noexcept override { pthread_mutex_unlock(&mutex_); }
