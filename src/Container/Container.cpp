@@ -64,6 +64,28 @@ void Container::indexLazyDefinitions() {
     lazyDefinitions_.clear();
 }
 
+namespace {
+
+// The built singleton of `definition` in `pool`'s singleton pool, or null (not a singleton, or
+// not built yet). The slot is remembered in the definition, so this is a lookup only once.
+const detail::AnyInstance* builtSingleton(const detail::DefinitionCore& definition,
+                                          const Pool& pool) {
+    if (definition.scope() != Scope::singleton) {
+        return nullptr;
+    }
+    const detail::AnyInstance* slot = definition.rememberedSingleton(pool.singletonPoolId());
+    if (slot == nullptr) {
+        slot = pool.singletonSlot(definition.key());
+        if (slot == nullptr) {
+            return nullptr;
+        }
+        definition.rememberSingleton(pool.singletonPoolId(), slot);
+    }
+    return slot->type == definition.key().addr ? slot : nullptr;
+}
+
+}  // namespace
+
 detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolver& resolver,
                                                const std::shared_ptr<Context>& context) {
     if (context) {
@@ -102,22 +124,6 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
         }
         return scopedBuild(definition, resolver, context, *pool);
     });
-}
-
-const detail::AnyInstance* Container::builtSingleton(const detail::DefinitionCore& definition,
-                                                     const Pool& pool) {
-    if (definition.scope() != Scope::singleton) {
-        return nullptr;
-    }
-    const detail::AnyInstance* slot = definition.rememberedSingleton(pool.singletonPoolId());
-    if (slot == nullptr) {
-        slot = pool.singletonSlot(definition.key());
-        if (slot == nullptr) {
-            return nullptr;
-        }
-        definition.rememberSingleton(pool.singletonPoolId(), slot);
-    }
-    return slot->type == definition.key().addr ? slot : nullptr;
 }
 
 detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,

@@ -102,8 +102,6 @@ class Container : public std::enable_shared_from_this<Container> {
 
   private:
     void indexLazyDefinitions();
-    static const detail::AnyInstance* builtSingleton(const detail::DefinitionCore& definition,
-                                                     const Pool& pool);
     detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
                                     const ProxyResolver& resolver,
                                     const std::shared_ptr<Context>& context, Pool& pool);

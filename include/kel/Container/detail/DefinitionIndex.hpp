@@ -39,8 +39,7 @@ class DefinitionIndex {
             return nullptr;
         }
         const std::size_t hash = hashOf(key);
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+        for (std::size_t at = hash & mask_;; at = (at + 1) & mask_) {
             const Slot& slot = slots_[at];
             if (!slot.definition) {
                 return nullptr;
@@ -66,8 +65,7 @@ class DefinitionIndex {
     void insertOrAssign(std::shared_ptr<DefinitionCore> definition) {
         reserve(size_ + 1);
         const std::size_t hash = hashOf(definition->key());
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+        for (std::size_t at = hash & mask_;; at = (at + 1) & mask_) {
             Slot& slot = slots_[at];
             if (!slot.definition) {
                 slot = Slot{hash, std::move(definition)};
@@ -102,20 +100,21 @@ class DefinitionIndex {
     void rehash(std::size_t capacity) {
         std::vector<Slot> old(capacity);
         old.swap(slots_);
-        const std::size_t mask = capacity - 1;
+        mask_ = capacity - 1;
         for (Slot& slot : old) {
             if (!slot.definition) {
                 continue;
             }
-            std::size_t at = slot.hash & mask;
+            std::size_t at = slot.hash & mask_;
             while (slots_[at].definition) {
-                at = (at + 1) & mask;
+                at = (at + 1) & mask_;
             }
             slots_[at] = std::move(slot);
         }
     }
 
     std::vector<Slot> slots_;
+    std::size_t mask_ = 0;  // slots_.size() - 1 once there are slots
     std::size_t size_ = 0;
 };
 
