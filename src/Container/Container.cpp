@@ -100,7 +100,6 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
     if (found == nullptr) {
         return {};
     }
-    const std::shared_ptr<detail::DefinitionCore>& definition = *found;
     Pool* pool = pool_.get();
     // An outermost pass drains, and a copy block of the pool may give this container another
     // pool: hold this one until the pass is over. Such a block is one added when this container
@@ -116,8 +115,13 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
                 pool->addDrainBlock(DrainAction::linking,
                                     [drain = std::move(drain)]() mutable { drain(); });
             });
+            // The bridged side ran code of its own, which may have re-indexed this container
+            // (moving its slots): find the definition again. Definitions are never removed.
+            found = definitions_.find(key);
         }
     }
+    // The slot stays put until the build below, which holds its own reference first.
+    const std::shared_ptr<detail::DefinitionCore>& definition = *found;
     return pool->graphPass([&] {
         if (const detail::AnyInstance* built = builtSingleton(*definition, *pool)) {
             return *built;
