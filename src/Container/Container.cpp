@@ -16,8 +16,7 @@ const std::shared_ptr<Container>& Container::shared() {
 Container::Container(Private)
     : pool_(std::make_shared<Pool>()), callbackStore_(std::make_shared<CallbackStore>()) {}
 
-Container::Container(Private, Environment environment,
-                     std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions,
+Container::Container(Private, Environment environment, detail::DefinitionIndex definitions,
                      std::shared_ptr<Pool> pool,
                      std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
                      std::shared_ptr<CallbackStore> callbackStore)
@@ -28,9 +27,9 @@ Container::Container(Private, Environment environment,
       callbackStore_(std::move(callbackStore)) {}
 
 std::shared_ptr<Container> Container::privateContainer() {
-    return std::make_shared<Container>(
-        Private{}, environment, std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>>{},
-        pool_, std::vector<std::shared_ptr<detail::DefinitionCore>>{}, callbackStore_);
+    return std::make_shared<Container>(Private{}, environment, detail::DefinitionIndex{}, pool_,
+                                       std::vector<std::shared_ptr<detail::DefinitionCore>>{},
+                                       callbackStore_);
 }
 
 std::shared_ptr<Container> Container::currentObjectGraphContainer(ZFObjectGraphTrait trait) {
@@ -60,11 +59,32 @@ std::shared_ptr<Container> Container::currentObjectGraphContainer(ZFObjectGraphT
 void Container::indexLazyDefinitions() {
     definitions_.reserve(definitions_.size() + lazyDefinitions_.size());
     for (auto& definition : lazyDefinitions_) {
-        const Key& key = definition->key();
-        definitions_.insert_or_assign(key, std::move(definition));
+        definitions_.insertOrAssign(std::move(definition));
     }
     lazyDefinitions_.clear();
 }
+
+namespace {
+
+// The built singleton of `definition` in `pool`'s singleton pool, or null (not a singleton, or
+// not built yet). The slot is remembered in the definition, so this is a lookup only once.
+const detail::AnyInstance* builtSingleton(const detail::DefinitionCore& definition,
+                                          const Pool& pool) {
+    if (definition.scope() != Scope::singleton) {
+        return nullptr;
+    }
+    const detail::AnyInstance* slot = definition.rememberedSingleton(pool.singletonPoolId());
+    if (slot == nullptr) {
+        slot = pool.singletonSlot(definition.key());
+        if (slot == nullptr) {
+            return nullptr;
+        }
+        definition.rememberSingleton(pool.singletonPoolId(), slot);
+    }
+    return slot->type == definition.key().addr ? slot : nullptr;
+}
+
+}  // namespace
 
 detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolver& resolver,
                                                const std::shared_ptr<Context>& context) {
@@ -76,35 +96,49 @@ detail::AnyInstance Container::resolveInstance(const Key& key, const ProxyResolv
     if (!lazyDefinitions_.empty()) {
         indexLazyDefinitions();
     }
-    auto found = definitions_.find(key);
-    if (found == definitions_.end()) {
+    const std::shared_ptr<detail::DefinitionCore>* found = definitions_.find(key);
+    if (found == nullptr) {
         return {};
     }
-    const std::shared_ptr<detail::DefinitionCore>& definition = found->second;
     Pool* pool = pool_.get();
-    // An outermost pass drains, and a drain block may give this container another pool: hold
-    // this one until the pass is over. A nested pass runs inside an outermost one that holds it.
+    // An outermost pass drains, and a copy block of the pool may give this container another
+    // pool: hold this one until the pass is over. Such a block is one added when this container
+    // was made (its own), so it is pending now if at all; with none pending the pool is held by
+    // this container throughout. A nested pass runs inside an outermost one that holds it.
     std::shared_ptr<Pool> drainingPool;
     if (pool->depth() == 0) {
-        drainingPool = pool_;
+        if (pool->hasDrainCopyPoolGraphBlocks()) {
+            drainingPool = pool_;
+        }
         if (resolver.objc()) {
             resolver.objc()->linkResolverWithLinkBlock([pool](std::function<void()> drain) {
                 pool->addDrainBlock(DrainAction::linking,
                                     [drain = std::move(drain)]() mutable { drain(); });
             });
+            // The bridged side ran code of its own, which may have re-indexed this container
+            // (moving its slots): find the definition again. Definitions are never removed.
+            found = definitions_.find(key);
         }
     }
-    return pool->graphPass([&] { return scopedBuild(definition, resolver, context, *pool); });
+    // The slot stays put until the build below, which holds its own reference first.
+    const std::shared_ptr<detail::DefinitionCore>& definition = *found;
+    return pool->graphPass([&] {
+        if (const detail::AnyInstance* built = builtSingleton(*definition, *pool)) {
+            return *built;
+        }
+        return scopedBuild(definition, resolver, context, *pool);
+    });
 }
 
 detail::AnyInstance Container::scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
                                            const ProxyResolver& resolver,
                                            const std::shared_ptr<Context>& context, Pool& pool) {
+    // The caller has found no built singleton; a graph-scoped instance may be in the graph.
     const Scope scope = entry->scope();
     const PoolScope poolScope = scope == Scope::singleton ? PoolScope::singleton : PoolScope::graph;
-    if (scope != Scope::none) {
+    if (scope == Scope::graph) {
         const Key& pooledKey = entry->key();
-        if (const detail::AnyInstance* pooled = pool.get(pooledKey, poolScope);
+        if (const detail::AnyInstance* pooled = pool.get(pooledKey, PoolScope::graph);
             pooled != nullptr && pooled->type == pooledKey.addr) {
             return *pooled;
         }
@@ -193,8 +227,8 @@ const detail::DefinitionCore* Container::registration(const Key& key) const {
             return definition->get();
         }
     }
-    auto found = definitions_.find(key);
-    return found == definitions_.end() ? nullptr : found->second.get();
+    const std::shared_ptr<detail::DefinitionCore>* found = definitions_.find(key);
+    return found == nullptr ? nullptr : found->get();
 }
 
 std::vector<std::optional<std::string>> Container::registeredNames(std::uintptr_t type) const {
@@ -205,9 +239,7 @@ std::vector<std::optional<std::string>> Container::registeredNames(std::uintptr_
             names.push_back(key.namespace_);
         }
     };
-    for (const auto& [key, definition] : definitions_) {
-        note(key);
-    }
+    definitions_.forEach([&](const detail::DefinitionCore& definition) { note(definition.key()); });
     for (const auto& definition : lazyDefinitions_) {
         note(definition->key());
     }

@@ -2,7 +2,8 @@
 
 #include "kel/Platform/FatalError.hpp"
 
-#include <limits>
+#include <atomic>
+#include <cstdint>
 #include <string>
 
 namespace kel {
@@ -11,12 +12,24 @@ struct Pool::SingletonPool {
     std::unordered_map<Key, detail::AnyInstance> singletons;
 };
 
-Pool::Pool() : singletonPool_(std::make_shared<SingletonPool>()) {}
+namespace {
+
+std::uint64_t newSingletonPoolId() noexcept {
+    // Pools may be made on any thread (each is then used on the main thread).
+    static std::atomic<std::uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+}  // namespace
+
+Pool::Pool()
+    : singletonPool_(std::make_shared<SingletonPool>()), singletonPoolId_(newSingletonPoolId()) {}
 
 std::shared_ptr<Pool> Pool::copy() const {
     auto copied = std::make_shared<Pool>();
     copied->graph_ = graph_;
     copied->singletonPool_ = singletonPool_;
+    copied->singletonPoolId_ = singletonPoolId_;
     copied->isGraphDrainingEnabled_ = false;
     return copied;
 }
@@ -36,6 +49,7 @@ const detail::AnyInstance* Pool::get(const Key& key, PoolScope scope) const {
 void Pool::set(const Key& key, PoolScope scope, detail::AnyInstance instance) {
     if (scope == PoolScope::graph) {
         graph_.insertOrAssign(key, std::move(instance));
+        pending_ = pending_ || isGraphDrainingEnabled_;
     } else {
         singletonPool_->singletons.insert_or_assign(key, std::move(instance));
     }
@@ -43,6 +57,7 @@ void Pool::set(const Key& key, PoolScope scope, detail::AnyInstance instance) {
 
 void Pool::addDrainBlock(DrainAction action, DrainBlock block) {
     (action == DrainAction::config ? configBlocks_ : linkingBlocks_).push_back(std::move(block));
+    pending_ = true;
 }
 
 void Pool::beginBuilding(const Key& key) {
@@ -59,20 +74,6 @@ void Pool::beginBuilding(const Key& key) {
     building_.push_back(&key);
 }
 
-void Pool::enterPass() {
-    KEL_PRECONDITION(depth_ < std::numeric_limits<std::size_t>::max(), "pool depth overflow");
-    ++depth_;
-}
-
-void Pool::exitPass() {
-    KEL_PRECONDITION(depth_ >= 1, "pool depth would go below zero");
-    if (depth_ == 1 && (!configBlocks_.empty() || !linkingBlocks_.empty() || !copyBlocks_.empty() ||
-                        (isGraphDrainingEnabled_ && !graph_.empty()))) {
-        drain();
-    }
-    --depth_;
-}
-
 void Pool::abandonPass() noexcept {
     if (depth_ == 1) {
         configBlocks_.clear();
@@ -85,6 +86,7 @@ void Pool::abandonPass() noexcept {
         if (isGraphDrainingEnabled_) {
             graph_.clear();
         }
+        pending_ = false;
     }
     if (depth_ > 0) {
         --depth_;
@@ -120,6 +122,7 @@ void Pool::drain() {
     if (isGraphDrainingEnabled_ && !graph_.empty()) {
         graph_.clear();
     }
+    pending_ = false;
 }
 
 }  // namespace kel

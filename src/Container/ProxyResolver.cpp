@@ -30,18 +30,23 @@ std::shared_ptr<ResolverType> ProxyResolver::currentObjectGraphResolver(
 detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
                                                    const detail::ClassForm* classForm,
                                                    const detail::ContextBlock* block) const {
-    std::shared_ptr<Context> fresh;
-    if (block != nullptr) {
-        fresh = std::make_shared<Context>(
-            context_ ? context_->sharedCallbackStore() : std::make_shared<CallbackStore>(),
-            publicResolver_, privateResolver_);
-        (*block)(*fresh);
+    if (block == nullptr) {
+        // The common case: no override block, so no fresh context and no merge.
+        if (detail::AnyInstance found = publicResolver_->resolveInstance(key, *this, context_)) {
+            return found;
+        }
+        if (detail::AnyInstance found = privateResolver_->resolveInstance(key, *this, context_)) {
+            return found;
+        }
+        return classForm == nullptr || !objc_ ? detail::AnyInstance{}
+                                              : resolveBridged(key, *classForm, context_);
     }
+    const std::shared_ptr<Context> fresh = std::make_shared<Context>(
+        context_ ? context_->sharedCallbackStore() : std::make_shared<CallbackStore>(),
+        publicResolver_, privateResolver_);
+    (*block)(*fresh);
     // The context to resolve with; the merge runs before each container is asked.
     auto contextInUse = [&]() -> const std::shared_ptr<Context>& {
-        if (!fresh) {
-            return context_;
-        }
         if (context_) {
             fresh->mergeObjects(*context_);
             std::shared_ptr<ZFContext> bridged = fresh->bridgedContext();
@@ -60,13 +65,17 @@ detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
     if (classForm == nullptr || !objc_) {
         return {};
     }
+    return resolveBridged(key, *classForm, fresh);
+}
 
-    const std::shared_ptr<Context>& context = fresh ? fresh : context_;
+detail::AnyInstance ProxyResolver::resolveBridged(const Key& key,
+                                                  const detail::ClassForm& classForm,
+                                                  const std::shared_ptr<Context>& context) const {
     std::shared_ptr<Object> answer;
     DomainError error("", 0);
     const bool returned = Exception::kf_tryCatch(
         [&] {
-            answer = objc_->unsafeResolveForKey(classForm->bridgedKey(), key.namespace_,
+            answer = objc_->unsafeResolveForKey(classForm.bridgedKey(), key.namespace_,
                                                 context ? context->bridgedContext() : nullptr);
         },
         &error);
@@ -78,7 +87,7 @@ detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
     if (!answer) {
         return {};
     }
-    return classForm->fromObject(answer);
+    return classForm.fromObject(answer);
 }
 
 namespace {

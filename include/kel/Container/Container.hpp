@@ -24,6 +24,7 @@
 #include "kel/Container/Pool.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Container/detail/DefinitionIndex.hpp"
 
 #include <concepts>
 #include <functional>
@@ -31,7 +32,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -95,8 +95,7 @@ class Container : public std::enable_shared_from_this<Container> {
     std::vector<std::optional<std::string>> registeredNames(std::uintptr_t type) const;
 
     explicit Container(Private);
-    Container(Private, Environment environment,
-              std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions,
+    Container(Private, Environment environment, detail::DefinitionIndex definitions,
               std::shared_ptr<Pool> pool,
               std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
               std::shared_ptr<CallbackStore> callbackStore);
@@ -113,7 +112,7 @@ class Container : public std::enable_shared_from_this<Container> {
                        const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
                        const std::shared_ptr<Context>& context);
 
-    std::unordered_map<Key, std::shared_ptr<detail::DefinitionCore>> definitions_;
+    detail::DefinitionIndex definitions_;
     std::shared_ptr<Pool> pool_;
     std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions_;
     std::shared_ptr<CallbackStore> callbackStore_;

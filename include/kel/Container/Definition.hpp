@@ -13,7 +13,8 @@
 // it, so calls chain. A new definition is in graph scope.
 //
 // Thread rules: built on the registering (main) thread before resolution; not locked, and never
-// changed while a resolution of it runs.
+// changed while a resolution of it runs (except its remembered singleton slot, a main-thread
+// cache).
 // Ownership: held by its container. It holds its private container strongly, except when that
 // is the container it is registered in (which already owns it): then weakly, so that a
 // container and its own definitions do not keep each other alive.
@@ -28,6 +29,7 @@
 #include "kel/Container/detail/AnyInstance.hpp"
 
 #include <concepts>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -61,7 +63,7 @@ class DefinitionCore : public DefinitionType {
           privateContainer_(privateIsRegistrant ? nullptr : privateContainer),
           callbackRegistration_(std::move(callbackRegistration)) {}
 
-    const Key& key() const override { return key_; }
+    const Key& key() const final { return key_; }
     Scope scope() const noexcept { return scope_; }
     const std::optional<std::string>& name() const noexcept { return key_.namespace_; }
     const std::shared_ptr<DefinitionConfigurationType>& configuration() const noexcept {
@@ -76,6 +78,18 @@ class DefinitionCore : public DefinitionType {
     // The container that resolves the dependencies of this definition's instances.
     std::shared_ptr<Container> privateContainer() const {
         return privateContainer_ ? privateContainer_ : publicContainer_.lock();
+    }
+
+    // The singleton of this definition's key in the singleton pool numbered `singletonPoolId`, as
+    // remembered by rememberSingleton; null when none is remembered for that pool. Singleton
+    // slots are never erased, so a remembered slot stays valid while its pool lives, and the
+    // caller's pool is alive.
+    const AnyInstance* rememberedSingleton(std::uint64_t singletonPoolId) const noexcept {
+        return singletonSlot_.poolId == singletonPoolId ? singletonSlot_.instance : nullptr;
+    }
+    void rememberSingleton(std::uint64_t singletonPoolId,
+                           const AnyInstance* instance) const noexcept {
+        singletonSlot_ = SingletonSlot{singletonPoolId, instance};
     }
 
     // Calls the factory chosen for the environment.
@@ -93,6 +107,15 @@ class DefinitionCore : public DefinitionType {
     std::shared_ptr<Container> privateContainer_;
     std::shared_ptr<ZFCallbackRegistration> callbackRegistration_;
     std::vector<std::shared_ptr<CallbackInstanceDefinitionType>> callbacks_;
+
+  private:
+    // Where the singleton of this key was last found, so that resolving a built singleton takes
+    // one lookup (the definition's) rather than two. A cache: changing it changes no behaviour.
+    struct SingletonSlot {
+        std::uint64_t poolId = 0;
+        const AnyInstance* instance = nullptr;
+    };
+    mutable SingletonSlot singletonSlot_;
 };
 
 }  // namespace detail

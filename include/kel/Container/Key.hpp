@@ -31,9 +31,10 @@ const char* internTypeName(const char* mangledName);
 // The readable form of a mangled type name ("app::Service" for "N3app7ServiceE").
 std::string demangle(const char* mangledName);
 
-// The identity word of T (top-level cv-qualifiers ignored, as typeid does).
+// The identity word of T (top-level cv-qualifiers ignored, as typeid does). Always inlined:
+// once the word is cached it is a guard test and a load, and every resolution asks for it.
 template <class T>
-std::uintptr_t typeWord() noexcept {
+[[gnu::always_inline]] inline std::uintptr_t typeWord() noexcept {
     static const std::uintptr_t word =
         reinterpret_cast<std::uintptr_t>(internTypeName(typeid(T).name()));
     return word;

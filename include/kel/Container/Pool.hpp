@@ -14,10 +14,13 @@
 #include "kel/Container/Key.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
 #include "kel/Container/detail/GraphStore.hpp"
+#include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <unordered_map>
 #include <utility>
@@ -61,7 +64,10 @@ class Pool final : public PoolAccessible {
     void set(const Key& key, PoolScope scope, detail::AnyInstance instance) override;
     void addDrainBlock(DrainAction action, DrainBlock block) override;
 
-    void addDrainCopyPoolGraphBlock(CopyBlock block) { copyBlocks_.push_back(std::move(block)); }
+    void addDrainCopyPoolGraphBlock(CopyBlock block) {
+        copyBlocks_.push_back(std::move(block));
+        pending_ = true;
+    }
     bool hasDrainCopyPoolGraphBlocks() const noexcept { return !copyBlocks_.empty(); }
 
     // Runs `body` as a graph pass and answers its result. If the body throws, the pass is left
@@ -90,9 +96,28 @@ class Pool final : public PoolAccessible {
     void endBuilding() noexcept { building_.pop_back(); }
 
     // The two halves of a graph pass, for callers that cannot use graphPass. Entering past the
-    // largest depth and exiting at depth 0 stop the process; exiting at depth 1 drains.
-    void enterPass();
-    void exitPass();
+    // largest depth and exiting at depth 0 stop the process; exiting at depth 1 drains when
+    // anything is pending (a block, or a graph this pool forgets). Inline: every resolution
+    // runs them, and with nothing pending they are a compare and a branch each.
+    void enterPass() {
+        KEL_PRECONDITION(depth_ < std::numeric_limits<std::size_t>::max(), "pool depth overflow");
+        ++depth_;
+    }
+    void exitPass() {
+        KEL_PRECONDITION(depth_ >= 1, "pool depth would go below zero");
+        if (depth_ == 1 && pending_) {
+            drain();
+        }
+        --depth_;
+    }
+
+    // The number of this pool's singleton pool, shared by its copies and unique in the process
+    // (never 0), and the singleton slot of `key` in it. Singleton slots are never erased and do
+    // not move, so a slot's address stays valid as long as the singleton pool.
+    std::uint64_t singletonPoolId() const noexcept { return singletonPoolId_; }
+    const detail::AnyInstance* singletonSlot(const Key& key) const {
+        return get(key, PoolScope::singleton);
+    }
 
   private:
     struct SingletonPool;
@@ -101,8 +126,12 @@ class Pool final : public PoolAccessible {
     void drain();
 
     std::size_t depth_ = 0;
+    // True when the next outermost exit has to drain: set by every block added and by every
+    // graph instance stored while draining is enabled, cleared once drained or abandoned.
+    bool pending_ = false;
     detail::GraphStore graph_;
     std::shared_ptr<SingletonPool> singletonPool_;
+    std::uint64_t singletonPoolId_;
     // Drain blocks in list order are: configBlocks_ reversed, then linkingBlocks_ (front
     // insertion of configuration blocks without shifting a vector).
     std::vector<DrainBlock> configBlocks_;

@@ -61,6 +61,9 @@ class ProxyResolver final : public ResolverType {
     }
 
   private:
+    // Asks the bridged side (which this resolver has) for `key`, as described above.
+    detail::AnyInstance resolveBridged(const Key& key, const detail::ClassForm& classForm,
+                                       const std::shared_ptr<Context>& context) const;
     std::string explainKey(const Key& key, const detail::ClassForm* classForm) const;
 
     std::shared_ptr<ZFResolver> objc_;
