@@ -33,6 +33,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -82,16 +83,22 @@ URLError::Code urlErrorCode(CURLcode code) {
     }
 }
 
-bool isInvalidTLD(std::string host) {
-    std::transform(host.begin(), host.end(), host.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+// Compares in place, without copying the host: this runs for every request.
+bool isInvalidTLD(std::string_view host) {
     if (!host.empty() && host.back() == '.') {
-        host.pop_back();
+        host.remove_suffix(1);
     }
-    constexpr std::string_view suffix = ".invalid";
-    return host == "invalid" ||
-           (host.size() > suffix.size() &&
-            host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0);
+    constexpr std::string_view label = "invalid";
+    if (host.size() < label.size()) {
+        return false;
+    }
+    auto tail = host.substr(host.size() - label.size());
+    bool matches = std::equal(tail.begin(), tail.end(), label.begin(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == b;
+    });
+    return matches &&
+           (host.size() == label.size() ||
+            (host.size() > label.size() + 1 && host[host.size() - label.size() - 1] == '.'));
 }
 
 Date dateAfter(Date start, curl_off_t microseconds) {
@@ -538,9 +545,9 @@ void URLSessionCore::finish(Transfer& transfer, CURLcode code,
     std::optional<Data> data;
     std::shared_ptr<const URLResponse> response;
     Error error;
-    std::string url = requestURL(*transfer.task);
     if (ownError || code != CURLE_OK) {
-        error = makeError(URLError::make(ownError ? *ownError : urlErrorCode(code), url));
+        error = makeError(
+            URLError::make(ownError ? *ownError : urlErrorCode(code), requestURL(*transfer.task)));
     } else {
         long status = 0;
         char* effectiveURL = nullptr;
