@@ -247,8 +247,8 @@ class URLSessionCore {
     const std::optional<DispatchQueue> delegateQueue_;
     std::atomic<std::uint64_t> nextIdentifier_{0};
 
-    std::mutex mutex_;  // guards commands_, stopping_, multi_ (as seen by other threads) and
-                        // every task's state_ and completion_
+    std::mutex mutex_;  // guards commands_, stopping_, polling_, wakeupSent_, multi_ (as seen
+                        // by other threads) and every task's state_ and completion_
     std::vector<Request> commands_;
     bool stopping_ = false;
     bool polling_ = false;     // the I/O thread is in, or about to enter, curl_multi_poll
