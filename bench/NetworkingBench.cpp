@@ -1,7 +1,7 @@
 // Networking side by side: GETs of a 1 KiB JSON body from a loopback server, 1 and 64 requests
 // in flight, through URLSession, through NetworkOperation + TaskScheduler::promise, and through
-// raw libcurl multi doing the same requests on the benchmark thread; then decoding a 1 MB JSON
-// document through JSONDeserializer beside nlohmann/json on its own.
+// raw libcurl multi doing the same requests (and decoding them) on the benchmark thread; then
+// decoding a 1 MB JSON document through JSONDeserializer beside nlohmann/json on its own.
 //
 // The server is part of the benchmark process: two epoll threads answering keep-alive HTTP/1.1
 // requests with a canned response, so that it is not what limits the clients. All clients keep
@@ -178,8 +178,9 @@ class DiscardingSink final : public kel::LogSink {
 constexpr std::int64_t requestsPerBatch = 256;
 
 // The peer: the same GETs on one libcurl multi handle, easy handles reused, driven on the
-// benchmark thread as a hand-written client would.
-void BM_HTTPGet_RawCurlMulti(benchmark::State& state) {
+// benchmark thread as a hand-written client would. With `decode`, each body is also decoded
+// into a Feed, the work NetworkOperation adds on top of the transfer.
+void rawCurlMulti(benchmark::State& state, bool decode) {
     const auto inFlight = state.range(0);
     const std::string& url = server().url();
     CURLM* multi = curl_multi_init();
@@ -217,6 +218,9 @@ void BM_HTTPGet_RawCurlMulti(benchmark::State& state) {
                 std::string* body = nullptr;
                 curl_easy_getinfo(easy, CURLINFO_PRIVATE, &body);
                 benchmark::DoNotOptimize(body->size());
+                if (decode) {
+                    benchmark::DoNotOptimize(nlohmann::json::parse(*body).get<Feed>());
+                }
                 body->clear();
                 curl_multi_remove_handle(multi, easy);
                 ++finished;
@@ -236,7 +240,16 @@ void BM_HTTPGet_RawCurlMulti(benchmark::State& state) {
     curl_multi_cleanup(multi);
     state.SetItemsProcessed(state.iterations() * requestsPerBatch);
 }
+
+void BM_HTTPGet_RawCurlMulti(benchmark::State& state) {
+    rawCurlMulti(state, false);
+}
 BENCHMARK(BM_HTTPGet_RawCurlMulti)->Arg(1)->Arg(64)->UseRealTime();
+
+void BM_HTTPGet_RawCurlMultiDecode(benchmark::State& state) {
+    rawCurlMulti(state, true);
+}
+BENCHMARK(BM_HTTPGet_RawCurlMultiDecode)->Arg(1)->Arg(64)->UseRealTime();
 
 void BM_HTTPGet_URLSession(benchmark::State& state) {
     const auto inFlight = state.range(0);

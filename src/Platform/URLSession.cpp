@@ -2,8 +2,9 @@
 //
 // One I/O thread per session owns the curl multi handle, every easy handle and every transfer's
 // buffers; nothing curl-related is touched by another thread except curl_multi_wakeup, which is
-// called under the core's lock while the multi handle is known to be alive. Other threads talk
-// to the I/O thread through `commands_` (resume and cancel requests) under the same lock.
+// called under the core's lock while the multi handle is known to be alive, and only while the
+// I/O thread sleeps in curl_multi_poll (once per sleep). Other threads talk to the I/O thread
+// through `commands_` (resume and cancel requests) under the same lock.
 //
 // CURLcode -> URLError code:
 //   CURLE_OPERATION_TIMEDOUT, and the session's own idle time-out     -> timedOut
@@ -32,6 +33,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -81,16 +83,22 @@ URLError::Code urlErrorCode(CURLcode code) {
     }
 }
 
-bool isInvalidTLD(std::string host) {
-    std::transform(host.begin(), host.end(), host.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+// Compares in place, without copying the host: this runs for every request.
+bool isInvalidTLD(std::string_view host) {
     if (!host.empty() && host.back() == '.') {
-        host.pop_back();
+        host.remove_suffix(1);
     }
-    constexpr std::string_view suffix = ".invalid";
-    return host == "invalid" ||
-           (host.size() > suffix.size() &&
-            host.compare(host.size() - suffix.size(), suffix.size(), suffix) == 0);
+    constexpr std::string_view label = "invalid";
+    if (host.size() < label.size()) {
+        return false;
+    }
+    auto tail = host.substr(host.size() - label.size());
+    bool matches = std::equal(tail.begin(), tail.end(), label.begin(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == b;
+    });
+    return matches &&
+           (host.size() == label.size() ||
+            (host.size() > label.size() + 1 && host[host.size() - label.size() - 1] == '.'));
 }
 
 Date dateAfter(Date start, curl_off_t microseconds) {
@@ -137,10 +145,6 @@ class URLSessionCore {
         }
     }
 
-    bool isIOThread() const {
-        return ioThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
-    }
-
     void stop() {
         std::lock_guard lock(mutex_);
         stopping_ = true;
@@ -178,11 +182,11 @@ class URLSessionCore {
             return false;
         }
         commands_.push_back(std::move(request));
-        // A handler running on the I/O thread needs no wake-up: the loop reads the list before
-        // it sleeps again.
-        if (isIOThread()) {
-            commandsFromIOThread_ = true;
-        } else {
+        // Only a thread asleep in curl_multi_poll needs a wake-up, and one per sleep is enough:
+        // a busy thread (also the I/O thread itself, running a handler) reads the list under
+        // this lock before it sleeps again.
+        if (polling_ && !wakeupSent_) {
+            wakeupSent_ = true;
             curl_multi_wakeup(multi_);
         }
         return true;
@@ -242,22 +246,21 @@ class URLSessionCore {
     const URLSessionConfiguration configuration_;
     const std::optional<DispatchQueue> delegateQueue_;
     std::atomic<std::uint64_t> nextIdentifier_{0};
-    std::atomic<std::thread::id> ioThread_{};  // set once, by the I/O thread
 
-    std::mutex mutex_;  // guards commands_, stopping_, multi_ (as seen by other threads) and
-                        // every task's state_ and completion_
+    std::mutex mutex_;  // guards commands_, stopping_, polling_, wakeupSent_, multi_ (as seen
+                        // by other threads) and every task's state_ and completion_
     std::vector<Request> commands_;
     bool stopping_ = false;
+    bool polling_ = false;     // the I/O thread is in, or about to enter, curl_multi_poll
+    bool wakeupSent_ = false;  // curl_multi_wakeup was called during the current poll
     CURLM* multi_ = nullptr;
 
     // I/O thread only.
-    bool commandsFromIOThread_ = false;  // a handler queued commands since the loop last read them
     std::vector<std::unique_ptr<Transfer>> transfers_;
     std::vector<CURL*> idleEasyHandles_;
 };
 
 void URLSessionCore::run() {
-    ioThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     CURLM* multi = multi_;  // stays valid until this function clears multi_ under the lock
     std::vector<Request> commands;
     for (;;) {
@@ -265,7 +268,7 @@ void URLSessionCore::run() {
         {
             std::lock_guard lock(mutex_);
             commands.swap(commands_);
-            commandsFromIOThread_ = false;
+            polling_ = false;
             stopping = stopping_;
         }
         for (auto& request : commands) {
@@ -315,8 +318,15 @@ void URLSessionCore::run() {
             nextDeadline = std::min(nextDeadline, transfer.deadline);
             ++i;
         }
-        if (commandsFromIOThread_) {
-            continue;
+        {
+            // Commands queued since the top of the loop (by a handler, or by another thread
+            // that saw the thread busy and sent no wake-up) are read before sleeping.
+            std::lock_guard lock(mutex_);
+            if (!commands_.empty() || stopping_) {
+                continue;
+            }
+            polling_ = true;
+            wakeupSent_ = false;
         }
         auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline - now).count();
         curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::max<long long>(wait, 1)), nullptr);
@@ -535,9 +545,9 @@ void URLSessionCore::finish(Transfer& transfer, CURLcode code,
     std::optional<Data> data;
     std::shared_ptr<const URLResponse> response;
     Error error;
-    std::string url = requestURL(*transfer.task);
     if (ownError || code != CURLE_OK) {
-        error = makeError(URLError::make(ownError ? *ownError : urlErrorCode(code), url));
+        error = makeError(
+            URLError::make(ownError ? *ownError : urlErrorCode(code), requestURL(*transfer.task)));
     } else {
         long status = 0;
         char* effectiveURL = nullptr;
