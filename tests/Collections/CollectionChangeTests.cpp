@@ -64,8 +64,46 @@ TEST(ApplyChanges, RemovalsAndReorderingsCorrectTheTargetsOfLaterReorderings) {
     }
 }
 
-// Long random change lists against the rule applied literally: after each change, every later
-// reordering's target is corrected one by one.
+// The rule applied literally: one linear search per change, and after each change every later
+// reordering's target corrected one by one. Returns how many changes it got through before one
+// that would stop the process (a target out of range, or a repeated identifier when `unique`).
+std::size_t replayLiterally(Strings& strings, const std::vector<Change>& changes, bool unique) {
+    std::vector<std::ptrdiff_t> targets;
+    for (const Change& change : changes) {
+        targets.push_back(change.toIndex());
+    }
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const Change& change = changes[i];
+        auto found = std::find(strings.begin(), strings.end(), change.element());
+        if (change.kind() == Change::Kind::adding) {
+            if (unique && found != strings.end()) {
+                return i;
+            }
+            strings.push_back(change.element());
+            continue;
+        }
+        if (found == strings.end()) {
+            continue;
+        }
+        const auto from = found - strings.begin();
+        const std::ptrdiff_t to = targets[i];
+        const bool reordering = change.kind() == Change::Kind::reordering;
+        if (reordering && (to < 0 || to >= static_cast<std::ptrdiff_t>(strings.size()))) {
+            return i;
+        }
+        std::string moved = *found;
+        strings.erase(found);
+        if (reordering) {
+            strings.insert(strings.begin() + to, moved);
+        }
+        for (std::size_t later = i + 1; later < changes.size(); ++later) {
+            std::ptrdiff_t& u = targets[later];
+            u = reordering ? u + (to < u) - (from < u) : u - (u > from);
+        }
+    }
+    return changes.size();
+}
+
 TEST(ApplyChanges, LongChangeListsMatchTheRuleAppliedLiterally) {
     std::mt19937 random(7);
     Strings start;
@@ -88,34 +126,7 @@ TEST(ApplyChanges, LongChangeListsMatchTheRuleAppliedLiterally) {
     }
 
     Strings expected = start;
-    std::vector<std::ptrdiff_t> targets;
-    for (const Change& change : changes) {
-        targets.push_back(change.toIndex());
-    }
-    for (std::size_t i = 0; i < changes.size(); ++i) {
-        const Change& change = changes[i];
-        if (change.kind() == Change::Kind::adding) {
-            expected.push_back(change.element());
-            continue;
-        }
-        auto found = std::find(expected.begin(), expected.end(), change.element());
-        if (found == expected.end()) {
-            continue;
-        }
-        auto from = found - expected.begin();
-        std::string moved = *found;
-        expected.erase(found);
-        std::ptrdiff_t to = targets[i];
-        if (change.kind() == Change::Kind::reordering) {
-            expected.insert(expected.begin() + to, moved);
-        }
-        for (std::size_t later = i + 1; later < changes.size(); ++later) {
-            std::ptrdiff_t& u = targets[later];
-            u = change.kind() == Change::Kind::removing ? u - (u > from)
-                                                        : u + (to < u) - (from < u);
-        }
-    }
-
+    ASSERT_EQ(replayLiterally(expected, changes, true), changes.size());
     Strings strings = start;
     kel::applyChanges(strings, changes);
     EXPECT_EQ(strings, expected);
@@ -124,10 +135,64 @@ TEST(ApplyChanges, LongChangeListsMatchTheRuleAppliedLiterally) {
     EXPECT_EQ(unique.array(), expected);
 }
 
+// Thousands of short random lists over a handful of identifiers, so that removals, moves,
+// re-additions, missing elements, duplicates (in a vector) and targets at the edges all meet.
+// Each list is cut before the first change that would stop the process.
+TEST(ApplyChanges, ShortRandomChangeListsMatchTheRuleAppliedLiterally) {
+    std::mt19937 random(11);
+    const auto pick = [&](int low, int high) {
+        return std::uniform_int_distribution<int>(low, high)(random);
+    };
+    const Strings pool{"a", "b", "c", "d", "e", "f"};
+    for (int round = 0; round < 4000; ++round) {
+        const bool unique = round % 2 == 1;
+        Strings start = pool;
+        std::shuffle(start.begin(), start.end(), random);
+        start.resize(static_cast<std::size_t>(pick(0, 5)));
+        if (!unique) {
+            for (std::string& element : start) {
+                element = pool[static_cast<std::size_t>(pick(0, 3))];
+            }
+        }
+        std::vector<Change> changes;
+        for (int count = pick(0, 12); count > 0; --count) {
+            const std::string& element = pool[static_cast<std::size_t>(pick(0, 5))];
+            switch (pick(0, 2)) {
+                case 0:
+                    changes.push_back(Change::adding(element));
+                    break;
+                case 1:
+                    changes.push_back(Change::removing(element));
+                    break;
+                default:
+                    changes.push_back(Change::reordering(element, pick(-1, 7)));
+            }
+        }
+        Strings expected = start;
+        const auto applied = replayLiterally(expected, changes, unique);
+        changes.erase(changes.begin() + static_cast<std::ptrdiff_t>(applied), changes.end());
+        SCOPED_TRACE(::testing::Message() << "round " << round);
+
+        if (unique) {
+            kel::UniqueCollection<std::string> collection(start);
+            kel::applyChanges(collection, changes);
+            ASSERT_EQ(collection.array(), expected);
+            for (std::size_t position = 0; position < expected.size(); ++position) {
+                ASSERT_EQ(collection.indexOf(expected[position]), position);
+            }
+        } else {
+            Strings collection = start;
+            kel::applyChanges(collection, changes);
+            ASSERT_EQ(collection, expected);
+        }
+    }
+}
+
 struct Row {
     std::string id;
     int version;
-    const std::string& identifier() const { return id; }
+    // Computed, so the replay cannot keep a view of it.
+    std::string identifier() const { return id; }
 };
 
 TEST(ApplyChanges, BuildsAddedElementsWithTheConstructor) {
@@ -149,6 +214,9 @@ TEST(ApplyChangesDeathTest, TargetsOutsideTheCollectionStopTheProcess) {
                  "reordering target out of range");
     kel::UniqueCollection<std::string> unique{"a", "b"};
     EXPECT_DEATH(kel::applyChanges(unique, {Change::adding("a")}), "identifier \"a\"");
+    // The first failing change stops the process, here before the repeated identifier.
+    EXPECT_DEATH(kel::applyChanges(unique, {Change::reordering("a", 2), Change::adding("b")}),
+                 "reordering target out of range");
 }
 
 }  // namespace

@@ -76,6 +76,15 @@ void describeList(std::ostream& stream, const R& elements) {
     stream << ']';
 }
 
+// Stops the process: an identifier was added to a collection that already holds it.
+[[noreturn]] inline void duplicateIdentifier(std::string_view identifier) {
+    fatalError("UniqueCollection: an element with identifier \"" + std::string(identifier) +
+               "\" is already in the collection");
+}
+
+// Lets applyChanges take the elements out once it has replayed a change list.
+struct UniqueCollectionAccess;
+
 }  // namespace detail
 
 template <Identifiable Element>
@@ -328,13 +337,14 @@ class UniqueCollection {
     }
 
   private:
+    friend struct detail::UniqueCollectionAccess;
+
     // Records an element's identifier at a position and returns the slot holding that
     // position; a repeated identifier stops the process.
     std::size_t* claimIdentifier(const Element& element, std::size_t position) {
         auto [entry, inserted] = table_.try_emplace(std::string(identifierOf(element)), position);
         if (!inserted) [[unlikely]] {
-            fatalError("UniqueCollection: an element with identifier \"" + entry->first +
-                       "\" is already in the collection");
+            detail::duplicateIdentifier(entry->first);
         }
         return &entry->second;
     }
