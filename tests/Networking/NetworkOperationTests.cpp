@@ -219,9 +219,9 @@ TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
 
     std::string refused =
         "http://127.0.0.1:" + std::to_string(kel::testing::closedLoopbackPort()) + "/";
-    auto operation = std::make_shared<Operation>(url(refused), Operation::Parameters{},
-                                                 Operation::Headers{}, kel::NetworkProxy::none,
-                                                 patientTimeouts);
+    auto operation =
+        std::make_shared<Operation>(url(refused), Operation::Parameters{}, Operation::Headers{},
+                                    kel::NetworkProxy::none, patientTimeouts);
     auto failed = run(operation);
     EXPECT_EQ(kel::URLError::code(failed.error()), kel::URLError::cannotConnectToHost);
     EXPECT_EQ(lines(*operation).size(), 3u) << "started, will issue, failed: no retry";
@@ -280,9 +280,10 @@ TEST_F(NetworkOperationRequests, DefaultSessionIsSharedWithTiming) {
     auto operation = std::make_shared<Operation>(url(server.url("/")), Operation::Parameters{},
                                                  Operation::Headers{}, kel::NetworkProxy::none);
     ASSERT_TRUE(run(operation).isSuccess());
-    EXPECT_THAT(lines(*operation).at(2).second,
-                ::testing::MatchesRegex("Network operation ID received response \\(size=3 "
-                                        "bytes, queued=[0-9]+ms, ttfb=[0-9]+ms, total=[0-9]+ms\\)"));
+    EXPECT_THAT(
+        lines(*operation).at(2).second,
+        ::testing::MatchesRegex("Network operation ID received response \\(size=3 "
+                                "bytes, queued=[0-9]+ms, ttfb=[0-9]+ms, total=[0-9]+ms\\)"));
     EXPECT_EQ(kel::NetworkProxy::none.resolvedSession(), kel::NetworkProxy::none.resolvedSession());
     EXPECT_TRUE(kel::defaultURLSession()->configuration().ks_timingDataEnabled());
 }
