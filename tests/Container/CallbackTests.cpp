@@ -18,6 +18,13 @@ struct Listener : Object {
     std::vector<std::string> heard;
 };
 
+// A callback that writes "<prefix><label of the resolved service>" into its listener.
+auto recordInto(std::string prefix) {
+    return [prefix](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
+        listener->heard.push_back(prefix + service->label);
+    };
+}
+
 struct CallbackWorld : ContainerWorld {
     CallbackWorld() {
         module.public_->register_<ServicePtr>(
@@ -32,11 +39,7 @@ struct CallbackWorld : ContainerWorld {
         module.public_
             ->register_<std::shared_ptr<Listener>>(
                 tag, [](const ResolverType&) { return std::make_shared<Listener>(); })
-            .whenResolving<ServicePtr>(
-                std::move(scope),
-                [tag](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
-                    listener->heard.push_back(tag + ":" + service->label);
-                });
+            .whenResolving<ServicePtr>(std::move(scope), recordInto(tag + ":"));
         return *resolver.resolve<std::shared_ptr<Listener>>(tag);
     }
 };
@@ -59,17 +62,12 @@ TEST(CallbackScopes, AnyNameAndNamesSelectTheResolutionsTheyHearAbout) {
 TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) {
     CallbackWorld world;
     auto owner = std::make_shared<Listener>();
-    auto record = [](std::string tag) {
-        return [tag](std::shared_ptr<Listener> listener, ServicePtr, const ResolverType&) {
-            listener->heard.push_back(tag);
-        };
-    };
     world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
-                                                     record("named"));
+                                                     recordInto("named:"));
     world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
-                                                     record("unnamed"));
+                                                     recordInto("unnamed:"));
     world.resolver.resolve<ServicePtr>("a");
-    EXPECT_EQ(owner->heard, (std::vector<std::string>{"unnamed", "named"}));
+    EXPECT_EQ(owner->heard, (std::vector<std::string>{"unnamed:a", "named:a"}));
 }
 
 TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
@@ -128,19 +126,13 @@ TEST(CallbackFiring, CastsTheRegisteringInstanceAndSkipsInstancesOfAnotherClass)
 TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithTheirOwners) {
     CallbackWorld world;
     auto owner = std::make_shared<Listener>();
-    world.module.callback->whenResolving<ServicePtr>(
-        CallbackScope::name("a"), owner,
-        [](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
-            listener->heard.push_back("module:" + service->label);
-        });
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
+                                                     recordInto("module:"));
     world.registry->callbackRegistration()->addHook(
         [](const std::shared_ptr<Object>& instance, CallbackRegistrationType& registration) {
             auto listener = std::dynamic_pointer_cast<Listener>(instance);
-            registration.whenResolving<ServicePtr>(
-                CallbackScope::any(), listener,
-                [](std::shared_ptr<Listener> l, ServicePtr service, const ResolverType&) {
-                    l->heard.push_back("bridged:" + service->label);
-                });
+            registration.whenResolving<ServicePtr>(CallbackScope::any(), listener,
+                                                   recordInto("bridged:"));
         });
     world.module.public_
         ->register_<std::shared_ptr<Listener>>(
@@ -149,11 +141,7 @@ TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithT
     auto bridged = *world.resolver.resolve<std::shared_ptr<Listener>>("bridged");
 
     world.resolver.resolve<ServicePtr>("a", [&](ContextType& context) {
-        context.whenResolving<ServicePtr>(
-            CallbackScope::name("a"), owner,
-            [](std::shared_ptr<Listener> listener, ServicePtr service, const ResolverType&) {
-                listener->heard.push_back("context:" + service->label);
-            });
+        context.whenResolving<ServicePtr>(CallbackScope::name("a"), owner, recordInto("context:"));
     });
     world.resolver.resolve<ServicePtr>("a");
 

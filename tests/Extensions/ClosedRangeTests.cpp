@@ -24,44 +24,28 @@ TEST(ClosedRangeBounds, BothEndsBelongToTheRange) {
     EXPECT_FALSE(range.overlaps({6, 12}));
     EXPECT_EQ(range.clamped(-10), -2);
     EXPECT_EQ(range.clamped(10), 5);
+    const json encoded = range;
+    EXPECT_EQ(encoded.dump(), "[-2,5]");
+    EXPECT_EQ(encoded.get<ClosedRange<int>>(), range);
 }
 
 TEST(ClosedRangeDeathTest, BoundsTheWrongWayRoundStopTheProcess) {
     EXPECT_DEATH(ClosedRange<int>(3, 2), "ClosedRange requires lowerBound <= upperBound");
 }
 
-TEST(ClosedRangeCoding, RoundTripsAsATwoElementArray) {
-    const json encoded = ClosedRange<int>(1, 9);
-    EXPECT_EQ(encoded.dump(), "[1,9]");
-    EXPECT_EQ(encoded.get<ClosedRange<int>>(), ClosedRange(1, 9));
-}
-
-TEST(ClosedRangeCoding, BadInputThrowsAnErrorThatSaysWhatWasWrong) {
-    for (auto [text, complaint] : {
-             std::pair{R"({"lower":1,"upper":2})", "expected a two-element array, got object"},
-             std::pair{"[1,2,3]", "got 3 elements"},
-             std::pair{R"(["one",2])", R"(lower bound "one" has the wrong type)"},
-             std::pair{"[5,1]", "lower bound 5 is above upper bound 1"},
-         }) {
-        try {
-            (void)json::parse(text).get<ClosedRange<int>>();
-            ADD_FAILURE() << text << " decoded";
-        } catch (const ClosedRangeDecodingError& error) {
-            EXPECT_THAT(error.what(), ::testing::HasSubstr("Cannot decode a closed range"));
-            EXPECT_THAT(error.what(), ::testing::HasSubstr(complaint)) << text;
-        }
-    }
-}
-
-// Decoders of binary formats (CBOR, MessagePack) accept text that is not UTF-8 and floats of
-// any size: both must end in the library's decoding error, never in the JSON library's
-// type_error or an out-of-range cast.
-TEST(ClosedRangeCoding, InvalidTextAndOutOfRangeNumbersGiveTheDecodingError) {
+// Bad input throws the library's decoding error saying what was wrong. Decoders of binary formats
+// (CBOR, MessagePack) accept text that is not UTF-8 and floats of any size: both must end in
+// that error too, never in the JSON library's type_error or an out-of-range cast.
+TEST(ClosedRangeCoding, BadInputGivesTheDecodingErrorSayingWhatWasWrong) {
     const json invalidText = json::from_cbor(
         std::vector<std::uint8_t>{0x82, 0x62, 0xff, 0xfe, 0x62, 'z', 'z'});  // ["\xff\xfe", "zz"]
     const json hugeFloat = json::from_msgpack(std::vector<std::uint8_t>{
         0x92, 0x00, 0xcb, 0x7e, 0x37, 0xe4, 0x3c, 0x88, 0x00, 0x75, 0x9c});  // [0, 1e300]
     const std::pair<json, std::string> cases[] = {
+        {json::parse(R"({"lower":1,"upper":2})"), "expected a two-element array, got object"},
+        {json::parse("[1,2,3]"), "got 3 elements"},
+        {json::parse(R"(["one",2])"), R"(lower bound "one" has the wrong type)"},
+        {json::parse("[5,1]"), "lower bound 5 is above upper bound 1"},
         {invalidText, "is above upper bound"},
         {hugeFloat, "upper bound 1e+300 is out of range"},
         {json::parse("[-3000000000, 0]"), "lower bound -3000000000 is out of range"},
@@ -69,13 +53,14 @@ TEST(ClosedRangeCoding, InvalidTextAndOutOfRangeNumbersGiveTheDecodingError) {
     };
     for (const auto& [input, complaint] : cases) {
         try {
-            if (input[0].is_string()) {
+            if (input.is_array() && input.size() == 2 && input[1].is_string()) {
                 (void)input.get<ClosedRange<std::string>>();
             } else {
                 (void)input.get<ClosedRange<int>>();
             }
             ADD_FAILURE() << complaint << ": decoded";
         } catch (const ClosedRangeDecodingError& error) {
+            EXPECT_THAT(error.what(), ::testing::HasSubstr("Cannot decode a closed range"));
             EXPECT_THAT(error.what(), ::testing::HasSubstr(complaint));
         }
     }

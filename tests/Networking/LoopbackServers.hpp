@@ -4,7 +4,7 @@
 // FaultServer is a small raw-socket server for what a well-behaved server never does: it reads
 // each request and then, as its script says for that request's index, stalls (keeps the
 // connection open and silent), closes in the middle of the body, closes without a reply, or
-// answers 200 with a body. It counts connections and requests.
+// answers 200 with a body. It counts requests.
 #pragma once
 
 #include <arpa/inet.h>
@@ -55,7 +55,6 @@ class HTTPServer {
         }
     }
 
-    int port() const { return port_; }
     std::string url(const std::string& path) const {
         return "http://127.0.0.1:" + std::to_string(port_) + path;
     }
@@ -99,7 +98,6 @@ class FaultServer {
     std::string url(const std::string& path) const {
         return "http://127.0.0.1:" + std::to_string(port_) + path;
     }
-    int connections() const { return connections_.load(); }
     int requests() const { return requests_.load(); }
 
   private:
@@ -117,7 +115,6 @@ class FaultServer {
             if (fds[1].revents & POLLIN) {
                 int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
                 if (client >= 0) {
-                    ++connections_;
                     clients.emplace(client, std::string());
                 }
             }
@@ -175,7 +172,6 @@ class FaultServer {
     int listener_ = -1;
     int wake_[2] = {-1, -1};
     int port_ = 0;
-    std::atomic<int> connections_{0};
     std::atomic<int> requests_{0};
     std::thread thread_;
 };

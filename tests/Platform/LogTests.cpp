@@ -67,8 +67,6 @@ TEST(LogSinks, CapturingSinkRecordsEveryLineFromManyThreadsThenRestores) {
     auto records = capture->records();
     ASSERT_EQ(records.size(), 1u + 4 * 200);
     EXPECT_EQ(records[0].level, kel::LogLevel::error);
-    EXPECT_EQ(records[0].format, "failed: %{public}@");
-    EXPECT_EQ(records[0].arguments, std::vector<kel::LogArgument>{"disk full"});
     EXPECT_EQ(capture->messages()[0], "failed: disk full");
 }
 
