@@ -109,8 +109,8 @@ void OperationQueueCore::addBlock(Task block) {
     target.async([core = shared_from_this(), light] { core->runBlock(light); });
 }
 
-bool OperationQueueCore::drainsLocked() {
-    return limit_ < 0 && !suspended_ && targetLocked().isConcurrent();
+void OperationQueueCore::settingsChangedLocked() {
+    draining_ = limit_ < 0 && !suspended_ && (!underlying_ || underlying_->isConcurrent());
 }
 
 void OperationQueueCore::dispatchDrainer(DispatchQueue target) {
@@ -399,6 +399,7 @@ void OperationQueue::setMaxConcurrentOperationCount(int count) {
     {
         std::lock_guard lock(core_->mutex_);
         core_->limit_ = count;
+        core_->settingsChangedLocked();
     }
     core_->pump();
 }
@@ -412,6 +413,7 @@ void OperationQueue::setUnderlyingQueue(std::optional<DispatchQueue> queue) {
     {
         std::lock_guard lock(core_->mutex_);
         core_->underlying_ = std::move(queue);
+        core_->settingsChangedLocked();
     }
     core_->pump();  // a serial target ends draining
 }
@@ -465,6 +467,7 @@ void OperationQueue::setSuspended(bool suspended) {
     {
         std::lock_guard lock(core_->mutex_);
         core_->suspended_ = suspended;
+        core_->settingsChangedLocked();
     }
     core_->pump();
 }

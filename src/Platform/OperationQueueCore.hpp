@@ -77,6 +77,8 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     void add(std::shared_ptr<Operation> operation);
     void addBlock(Task block);
     void pump();
+    // Called after limit_, suspended_ or underlying_ changed.
+    void settingsChangedLocked();
     // Takes a finished operation out of the queue and starts what its slot allows. Returns the
     // queue's reference to the operation, for the caller to release after it is done with it;
     // empty when the operation was not (or no longer) in the queue.
@@ -99,6 +101,7 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     List started_;  // started, not finished yet
     List pending_;  // blocks waiting for a drainer, in the order added (see above)
     std::size_t drainersQueued_ = 0;  // drainers dispatched that have not taken a block yet
+    bool draining_ = true;  // no limit, not suspended, a concurrent target (the own queue is)
 
   private:
     void pumpLocked();
@@ -110,7 +113,7 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     // A drainer's work item: runs pending blocks in a bounded batch.
     void drain();
     // Whether blocks added now go to pending_ for drainers.
-    bool drainsLocked();
+    bool drainsLocked() const noexcept { return draining_; }
     // Starts the first pending block, if the queue still drains. Sets `queueDrainer` when
     // blocks remain and no drainer is queued for them (the caller dispatches it after unlocking).
     LightBlock* takePendingLocked(bool& queueDrainer);
