@@ -25,8 +25,9 @@
 //
 // Thread rules: every member locks mutex_ itself unless its name ends in Locked.
 //
-// Ownership: shared by the OperationQueue, by every operation ever added to it and by every
-// started block's work item, so a queue released by its owner still runs what was added.
+// Ownership: shared by the OperationQueue, by every operation ever added to it, by every
+// started block's work item and by every queued drainer, so a queue released by its owner
+// still runs what was added.
 #pragma once
 
 #include <condition_variable>
