@@ -1,5 +1,6 @@
 #include "kel/Platform/OperationQueue.hpp"
 
+#include <chrono>
 #include <utility>
 
 #include "DispatchRuntime.hpp"
@@ -38,15 +39,31 @@ void OperationQueueCore::List::replace(QueueLink& link, QueueLink& replacement) 
     link.next = nullptr;
 }
 
+void OperationQueueCore::List::prependAll(List& other) noexcept {
+    if (other.empty()) {
+        return;
+    }
+    other.tail_->next = head_;
+    (head_ != nullptr ? head_->previous : tail_) = other.tail_;
+    head_ = other.head_;
+    size_ += other.size_;
+    other.head_ = nullptr;
+    other.tail_ = nullptr;
+    other.size_ = 0;
+}
+
 OperationQueueCore::~OperationQueueCore() {
     // Blocks still waiting when the last owner lets go (a suspended queue) never run. Started
-    // ones keep the core alive through their work items, so none is left here.
-    for (QueueLink* link = waiting_.front(); link != nullptr;) {
-        QueueLink* next = link->next;
-        if (link->operation == nullptr) {
-            delete static_cast<LightBlock*>(link);
+    // ones keep the core alive through their work items, and pending ones through the queued
+    // drainer, so none of those is left here.
+    for (List* list : {&waiting_, &pending_}) {
+        for (QueueLink* link = list->front(); link != nullptr;) {
+            QueueLink* next = link->next;
+            if (link->operation == nullptr) {
+                delete static_cast<LightBlock*>(link);
+            }
+            link = next;
         }
-        link = next;
     }
 }
 
@@ -66,6 +83,17 @@ void OperationQueueCore::addBlock(Task block) {
     auto* light = new LightBlock;
     light->block = std::move(block);
     std::unique_lock lock(mutex_);
+    if (drainsLocked()) {
+        pending_.pushBack(*light);
+        if (drainersQueued_ != 0) {
+            return;  // the queued drainer takes it
+        }
+        ++drainersQueued_;
+        DispatchQueue target = targetLocked();
+        lock.unlock();
+        dispatchDrainer(std::move(target));
+        return;
+    }
     if (limit_ >= 0 || suspended_ || !waiting_.empty()) {
         waiting_.pushBack(*light);
         pumpLocked();
@@ -81,15 +109,64 @@ void OperationQueueCore::addBlock(Task block) {
     target.async([core = shared_from_this(), light] { core->runBlock(light); });
 }
 
-std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, bool started) {
+void OperationQueueCore::settingsChangedLocked() {
+    draining_ = limit_ < 0 && !suspended_ && (!underlying_ || underlying_->isConcurrent());
+}
+
+void OperationQueueCore::dispatchDrainer(DispatchQueue target) {
+    target.async([core = shared_from_this()] { core->drain(); });
+}
+
+LightBlock* OperationQueueCore::takePendingLocked(bool& queueDrainer) {
+    QueueLink* front = pending_.front();
+    if (front == nullptr || !drainsLocked()) {
+        return nullptr;
+    }
+    pending_.erase(*front);
+    started_.pushBack(*front);
+    // The block about to run may block: the rest must not wait for it.
+    if (!pending_.empty() && drainersQueued_ == 0) {
+        ++drainersQueued_;
+        queueDrainer = true;
+    }
+    return static_cast<LightBlock*>(front);
+}
+
+void OperationQueueCore::drain() {
+    bool queueDrainer = false;
+    LightBlock* light = nullptr;
+    std::optional<DispatchQueue> target;
+    {
+        std::lock_guard lock(mutex_);
+        --drainersQueued_;
+        light = takePendingLocked(queueDrainer);
+        if (queueDrainer) {
+            target = targetLocked();
+        }
+    }
+    if (target) {
+        dispatchDrainer(std::move(*target));
+    }
+    if (light != nullptr) {
+        runBlock(light);
+    }
+}
+
+std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, List& list) {
     auto operation = std::make_shared<BlockOperation>();
     // A started block belongs to its worker, which reads it without the lock: only a waiting
-    // one is touched here.
-    if (!started) {
-        // Still waiting: the operation takes the block and its place, and runs as any other.
+    // or pending one is touched here.
+    if (&list != &started_) {
+        // Not started: the operation takes the block and runs as any other, in the block's
+        // place if it was waiting, at the end of the waiting list if it was pending.
         operation->addExecutionBlock(std::move(light->block));
         hookLocked(operation, Operation::QueuePhase::waiting);
-        waiting_.replace(*light, operation->queueLink_);
+        if (&list == &waiting_) {
+            waiting_.replace(*light, operation->queueLink_);
+        } else {
+            pending_.erase(*light);
+            waiting_.pushBack(operation->queueLink_);
+        }
         delete light;
     } else {
         // Running: the operation is executing until runBlock reports it finished. Nobody can
@@ -104,18 +181,26 @@ std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, 
 }
 
 void OperationQueueCore::runBlock(LightBlock* light) {
-    // A worker that finishes a block goes on with the next waiting block itself, when that is
-    // what the queue would start next, instead of dispatching it to another worker: a serial
-    // queue of blocks then costs one dispatch per batch, not per block. Batches are bounded so
-    // that a long queue does not keep the worker from the rest of the pool's work.
+    // A worker that finishes a block goes on with the next block itself, when that is what the
+    // queue would start next (the next waiting block of a limited queue, the next pending one
+    // of a draining queue), instead of dispatching it to another worker: blocks then cost one
+    // dispatch per batch, not per block. Batches are bounded in count and in time, so that a
+    // long queue does not keep the worker from the rest of the pool's work, and the worker
+    // finishes a pool item well within the pool's starvation interval.
     constexpr int batchLimit = 128;
+    constexpr auto batchTime = std::chrono::microseconds(500);
+    const auto batchEnd = std::chrono::steady_clock::now() + batchTime;
     for (int batch = 1;; ++batch) {
         {
             Task block = std::move(light->block);
             block();
         }  // what the block captured is released before it is reported finished
+        const bool batchOpen =
+            batch < batchLimit && (batch % 8 != 0 || std::chrono::steady_clock::now() < batchEnd);
         std::shared_ptr<Operation> standIn;
         LightBlock* next = nullptr;
+        bool queueDrainer = false;
+        std::optional<DispatchQueue> drainerTarget;
         {
             std::lock_guard lock(mutex_);
             if (light->standIn) {
@@ -123,12 +208,18 @@ void OperationQueueCore::runBlock(LightBlock* light) {
             } else {
                 started_.erase(*light);
                 QueueLink* front = waiting_.front();
-                if (waiting_.empty() && started_.empty()) {
+                if (emptyLocked()) {
                     emptied_.notify_all();
                 } else {
-                    if (batch < batchLimit && !suspended_ && front != nullptr &&
-                        front->operation == nullptr &&
-                        (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
+                    // A closed batch leaves pending blocks to the drainer queued for them.
+                    if (batchOpen && drainsLocked()) {
+                        next = takePendingLocked(queueDrainer);
+                        if (queueDrainer) {
+                            drainerTarget = targetLocked();
+                        }
+                    } else if (batchOpen && !suspended_ && front != nullptr &&
+                               front->operation == nullptr &&
+                               (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
                         waiting_.erase(*front);
                         started_.pushBack(*front);
                         next = static_cast<LightBlock*>(front);
@@ -138,6 +229,9 @@ void OperationQueueCore::runBlock(LightBlock* light) {
             }
         }
         delete light;
+        if (drainerTarget) {
+            dispatchDrainer(std::move(*drainerTarget));
+        }
         if (standIn) {
             standIn->finishStandIn();
         }
@@ -194,6 +288,10 @@ DispatchQueue& OperationQueueCore::targetLocked() {
 }
 
 void OperationQueueCore::pumpLocked() {
+    if (!pending_.empty() && !drainsLocked()) {
+        // The queue no longer drains: its pending blocks wait, first in line, as other blocks.
+        waiting_.prependAll(pending_);
+    }
     if (suspended_) {
         return;
     }
@@ -239,7 +337,7 @@ std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& oper
     operation.queuePhase_ = Operation::QueuePhase::finished;
     operation.queueHooked_.store(false, std::memory_order_relaxed);
     std::shared_ptr<Operation> released = std::move(operation.queueSelf_);
-    if (waiting_.empty() && started_.empty()) {
+    if (emptyLocked()) {
         emptied_.notify_all();
     } else {
         pumpLocked();
@@ -250,16 +348,20 @@ std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& oper
 std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() {
     std::vector<std::shared_ptr<Operation>> result;
     std::lock_guard lock(mutex_);
-    result.reserve(waiting_.size() + started_.size());
-    for (List* list : {&started_, &waiting_}) {
+    result.reserve(waiting_.size() + started_.size() + pending_.size());
+    // Pending blocks come last: their operations join the end of the waiting list.
+    const bool hadPending = !pending_.empty();
+    for (List* list : {&started_, &waiting_, &pending_}) {
         for (QueueLink* link = list->front(); link != nullptr;) {
             QueueLink* next = link->next;
-            result.push_back(
-                link->operation != nullptr
-                    ? link->operation->queueSelf_
-                    : standInLocked(static_cast<LightBlock*>(link), list == &started_));
+            result.push_back(link->operation != nullptr
+                                 ? link->operation->queueSelf_
+                                 : standInLocked(static_cast<LightBlock*>(link), *list));
             link = next;
         }
+    }
+    if (hadPending) {
+        pumpLocked();  // they are ready: start them as operations
     }
     return result;
 }
@@ -267,7 +369,7 @@ std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() {
 void OperationQueueCore::waitUntilEmpty() {
     BlockingScope blocking;
     std::unique_lock lock(mutex_);
-    emptied_.wait(lock, [this] { return waiting_.empty() && started_.empty(); });
+    emptied_.wait(lock, [this] { return emptyLocked(); });
 }
 
 }  // namespace detail
@@ -297,6 +399,7 @@ void OperationQueue::setMaxConcurrentOperationCount(int count) {
     {
         std::lock_guard lock(core_->mutex_);
         core_->limit_ = count;
+        core_->settingsChangedLocked();
     }
     core_->pump();
 }
@@ -307,8 +410,12 @@ std::optional<DispatchQueue> OperationQueue::underlyingQueue() const {
 }
 
 void OperationQueue::setUnderlyingQueue(std::optional<DispatchQueue> queue) {
-    std::lock_guard lock(core_->mutex_);
-    core_->underlying_ = std::move(queue);
+    {
+        std::lock_guard lock(core_->mutex_);
+        core_->underlying_ = std::move(queue);
+        core_->settingsChangedLocked();
+    }
+    core_->pump();  // a serial target ends draining
 }
 
 void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
@@ -338,7 +445,7 @@ std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
 
 std::size_t OperationQueue::operationCount() const {
     std::lock_guard lock(core_->mutex_);
-    return core_->waiting_.size() + core_->started_.size();
+    return core_->waiting_.size() + core_->started_.size() + core_->pending_.size();
 }
 
 void OperationQueue::cancelAllOperations() {
@@ -360,6 +467,7 @@ void OperationQueue::setSuspended(bool suspended) {
     {
         std::lock_guard lock(core_->mutex_);
         core_->suspended_ = suspended;
+        core_->settingsChangedLocked();
     }
     core_->pump();
 }

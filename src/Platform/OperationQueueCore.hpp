@@ -14,10 +14,20 @@
 // waiting block is handed over to a real BlockOperation in its place; a running one gets an
 // executing BlockOperation that the queue reports finished when the block returns.
 //
+// On a queue without a limit, not suspended, whose target is concurrent, blocks go to a third
+// list, pending_, served by drainers: work items that take pending blocks one after another in
+// bounded batches. While blocks are pending, one drainer is always queued on the target (a
+// drainer that takes a block while others remain queues the next one first), so a block that
+// blocks never holds the rest back: the queued drainer runs on another worker, and the pool's
+// starvation detection adds workers when all of them block. The pool thus gets one submission
+// per batch instead of one per block. When the queue leaves that mode (suspended, given a limit
+// or a serial target), pending blocks move to the front of waiting_ and run as before.
+//
 // Thread rules: every member locks mutex_ itself unless its name ends in Locked.
 //
-// Ownership: shared by the OperationQueue, by every operation ever added to it and by every
-// started block's work item, so a queue released by its owner still runs what was added.
+// Ownership: shared by the OperationQueue, by every operation ever added to it, by every
+// started block's work item and by every queued drainer, so a queue released by its owner
+// still runs what was added.
 #pragma once
 
 #include <condition_variable>
@@ -51,6 +61,8 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
         void erase(QueueLink& link) noexcept;
         // Puts `replacement` where `link` is and takes `link` out.
         void replace(QueueLink& link, QueueLink& replacement) noexcept;
+        // Moves every link of `other`, in order, before this list's first.
+        void prependAll(List& other) noexcept;
         QueueLink* front() const noexcept { return head_; }
         std::size_t size() const noexcept { return size_; }
         bool empty() const noexcept { return size_ == 0; }
@@ -66,6 +78,8 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     void add(std::shared_ptr<Operation> operation);
     void addBlock(Task block);
     void pump();
+    // Called after limit_, suspended_ or underlying_ changed.
+    void settingsChangedLocked();
     // Takes a finished operation out of the queue and starts what its slot allows. Returns the
     // queue's reference to the operation, for the caller to release after it is done with it;
     // empty when the operation was not (or no longer) in the queue.
@@ -86,6 +100,9 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     bool suspended_ = false;
     List waiting_;  // not started yet, in the order added
     List started_;  // started, not finished yet
+    List pending_;  // blocks waiting for a drainer, in the order added (see above)
+    std::size_t drainersQueued_ = 0;  // drainers dispatched that have not taken a block yet
+    bool draining_ = true;  // no limit, not suspended, a concurrent target (the own queue is)
 
   private:
     void pumpLocked();
@@ -94,8 +111,19 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     void hookLocked(const std::shared_ptr<Operation>& operation, Operation::QueuePhase phase);
     // Runs a started block on the calling worker and reports it finished.
     void runBlock(LightBlock* light);
-    // The operation that stands for a block from now on.
-    std::shared_ptr<Operation> standInLocked(LightBlock* light, bool started);
+    // A drainer's work item: runs pending blocks in a bounded batch.
+    void drain();
+    // Whether blocks added now go to pending_ for drainers.
+    bool drainsLocked() const noexcept { return draining_; }
+    // Starts the first pending block, if the queue still drains. Sets `queueDrainer` when
+    // blocks remain and no drainer is queued for them (the caller dispatches it after unlocking).
+    LightBlock* takePendingLocked(bool& queueDrainer);
+    void dispatchDrainer(DispatchQueue target);
+    bool emptyLocked() const noexcept {
+        return waiting_.empty() && started_.empty() && pending_.empty();
+    }
+    // The operation that stands for a block from now on; `list` is the one holding it.
+    std::shared_ptr<Operation> standInLocked(LightBlock* light, List& list);
 };
 
 }  // namespace kel::detail

@@ -276,6 +276,31 @@ TEST(OperationQueueScheduling, BlocksAreOperationsOnceAsked) {
     EXPECT_EQ(queue.operationCount(), 0u);
 }
 
+// Without a limit, blocks waiting for a worker move between lists as the queue is suspended,
+// resumed and asked for its operations while they stream in: each still runs exactly once.
+TEST(OperationQueueScheduling, UnlimitedQueueRunsEveryBlockOnceThroughSuspensionAndAsking) {
+    OperationQueue queue;
+    constexpr int count = 3000;
+    std::vector<std::atomic<int>> runs(count);
+    std::size_t asked = 0;
+    for (int i = 0; i < count; ++i) {
+        queue.addOperation([&runs, i] { runs[i].fetch_add(1, std::memory_order_relaxed); });
+        if (i == count / 3) {
+            queue.setSuspended(true);
+            asked += queue.operations().size();
+        } else if (i == count / 2) {
+            queue.setSuspended(false);
+            asked += queue.operations().size();
+        }
+    }
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_GT(asked, 0u);
+    EXPECT_EQ(queue.operationCount(), 0u);
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(runs[i].load(), 1) << "block " << i;
+    }
+}
+
 TEST(OperationDeathTest, MisuseIsFatal) {
     EXPECT_DEATH(
         {
