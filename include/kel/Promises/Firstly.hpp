@@ -9,7 +9,8 @@
 //   firstlySync(queue, f)           as firstly(queue, f), but the work item runs with a blocking
 //   firstlySync(queue, owner, f)    `sync` on `queue`, so f has run before firstlySync returns
 //                                   (the caller must not be running on that serial queue)
-// The new promise follows f's promise for a value or an error. A cancellation of f's promise is
+// The new promise follows f's promise for a value or an error (the value moved on when f's
+// promise has no other reader, so T may be move-only). A cancellation of f's promise is
 // not forwarded: the new promise then never settles. An exception thrown by f rejects it.
 //
 // Thread rules: callable from any thread.

@@ -28,7 +28,11 @@
 //
 // A callable is moved into the chain once and never copied. Values are passed to callables by
 // const reference straight from the settled promise (a callable that takes its parameter by
-// value makes the only copy); results are moved into the next promise.
+// value makes the only copy); results are moved into the next promise. A promise that is
+// handed on (returned by a flattening `then` callable, or given to race or all) gives up its
+// value by move when nothing else can read it any more, and is copied otherwise: a move-only T
+// works wherever the chain is the value's one consumer, and handing on a shared move-only
+// value stops the process.
 //
 // Thread rules: any thread may create, settle and chain promises; the settle callables handed
 // out by the constructors may be copied, kept, and called from any thread any number of times.

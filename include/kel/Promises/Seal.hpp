@@ -8,10 +8,11 @@
 // called at once, also under the lock. Work a handler hands to AfterSettlement runs once the
 // settling thread holds no seal lock any more. The handlers are destroyed after the lock is
 // released, so what they capture is never destroyed inside the critical section. Once resolved, the
-// resolution never changes, so reading it (resolution(), state()) takes no lock: an atomic flag,
-// set under the lock before any handler runs, publishes it.
+// resolution never changes as far as anyone can see, so reading it (resolution(), state()) takes
+// no lock: an atomic flag, set under the lock before any handler runs, publishes it. (Its last
+// reader may move the value out, under the lock, when no one else can read it any more.)
 //
-// Thread rules: settle, addHandler and resolutionOrAddHandler may be called from any thread,
+// Thread rules: settle, addHandler and addReaderHandler may be called from any thread,
 // concurrently; exactly one settlement wins, and each handler runs exactly once. A handler runs
 // under the seal's lock, so it must not settle or register on the same seal.
 // Ownership: reference counted. SealRef is the owning pointer of a reader (promise handles,
@@ -213,23 +214,6 @@ class Seal {
         }
     }
 
-    // The resolution if the seal is resolved (read without the lock: it is published before
-    // any handler runs); otherwise stores the handler that makeHandler() returns and gives null.
-    // Lets a caller that walks many promises handle the settled ones in a loop, without recursing
-    // through their handlers or building handlers it does not need.
-    template <class MakeHandler>
-    const Resolution<T>* resolutionOrAddHandler(MakeHandler&& makeHandler) {
-        if (resolved_.load(std::memory_order_acquire)) {
-            return &*resolution_;
-        }
-        std::lock_guard guard(lock_);
-        if (resolved_.load(std::memory_order_relaxed)) {
-            return &*resolution_;
-        }
-        store(makeHandler());
-        return nullptr;
-    }
-
     // Calls handler(resolution, seal, held) at once, under the lock, if the seal is resolved;
     // otherwise stores it, to be called with held = 0. `reader` is the caller's own reference,
     // taken over: on the stored path it is dropped under the same lock, so that when the
@@ -395,11 +379,6 @@ class SettleTarget {
 };
 
 template <class T>
-void settle(const SealRef<T>& seal, Resolution<T> resolution) {
-    seal->settle(std::move(resolution));
-}
-
-template <class T>
 void settle(const SettleTarget<T>& target, Resolution<T> resolution) {
     target.settle(std::move(resolution));
 }
@@ -424,7 +403,8 @@ void Seal<T>::addReaderHandler(SealRef<T> reader, H&& handler) {
                                                             Seal& source) mutable noexcept {
                 handler(resolution, source, 0);
             });
-            // Not the last reference while resolved: the caller's reader is dropped below.
+            // The caller's reader is dropped under the lock, before any settlement can run
+            // the handler.
             last = seal.references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
             if (!last) {
                 return;

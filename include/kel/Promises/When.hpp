@@ -10,7 +10,9 @@
 //                            one value, or WhenError with both errors
 //   whenFirst(queue, a, b)   Promise<std::tuple<A, std::optional<B>>>: a's value and b's if it
 //                            has one (b's error is dropped), or WhenError when a has no value
-// V is the input's value type (kel::Void for Promise<void>). The joins never fail early and are
+// V is the input's value type (kel::Void for Promise<void>). The inputs are taken over: an input
+// whose only handle was handed in (std::move) has its value moved into the result, so V may be
+// move-only; an input someone else still holds is copied. The joins never fail early and are
 // never cancelled: the decision is made once, by a dispatch-group notification on `queue`, after
 // the last input has settled (so it is asynchronous on `queue` even for an empty list).
 //
