@@ -743,19 +743,19 @@ class Promise {
                         continue;
                     }
                 }
-                bool walkOn = false;
+                // Called at once (held == 1), the handler only hands the resolution out: the
+                // walk takes it once the input's lock is released.
+                std::optional<Resolution<T>> now;
                 detail::Seal<T>::addReaderHandler(
-                    std::move(seal), [state, &walkOn](const Resolution<T>&, detail::Seal<T>& source,
-                                                      std::uint32_t held) noexcept {
-                        bool taken = state->take(source.handOn(held));
+                    std::move(seal), [state, &now](const Resolution<T>&, detail::Seal<T>& source,
+                                                   std::uint32_t held) noexcept {
                         if (held == 1) {
-                            // Called at once, inside this walk.
-                            walkOn = taken;
-                        } else if (taken) {
+                            now.emplace(source.handOn(held));
+                        } else if (state->take(source.handOn(held))) {
                             detail::AfterSettlement::run([state] { walk(state); });
                         }
                     });
-                if (!walkOn) {
+                if (!now || !state->take(std::move(*now))) {
                     return;
                 }
             }
