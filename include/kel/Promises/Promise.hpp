@@ -731,12 +731,15 @@ class Promise {
         // input), or lock seals in the opposite order of another thread walking another `all`.
         //
         // An input the walk is the last reader of gives its value up (moved); a settled input
-        // that others can still read is copied without its lock.
+        // that others can still read, or whose value is trivially copyable, is copied without
+        // its lock.
         static void walk(const std::shared_ptr<AllState>& state) {
             while (state->values.size() < state->inputs.size()) {
                 detail::SealRef<T> seal = std::move(state->inputs[state->values.size()].seal_);
                 if constexpr (std::is_copy_constructible_v<Value>) {
-                    if (seal->isResolved() && !seal->hasSoleReader()) {
+                    // A trivially copyable value gains nothing from a move: always copied here.
+                    if (seal->isResolved() &&
+                        (std::is_trivially_copyable_v<Value> || !seal->hasSoleReader())) {
                         if (!state->take(seal->settledResolution())) {
                             return;
                         }
