@@ -9,12 +9,14 @@
 //   firstlySync(queue, f)           as firstly(queue, f), but the work item runs with a blocking
 //   firstlySync(queue, owner, f)    `sync` on `queue`, so f has run before firstlySync returns
 //                                   (the caller must not be running on that serial queue)
-// The new promise follows f's promise for a value or an error. A cancellation of f's promise is
+// The new promise follows f's promise for a value or an error (the value moved on when f's
+// promise has no other reader, so T may be move-only). A cancellation of f's promise is
 // not forwarded: the new promise then never settles. An exception thrown by f rejects it.
 //
 // Thread rules: callable from any thread.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -36,8 +38,9 @@ template <class F, class... Owner>
 using FirstlyValue = typename PromiseTraits<FirstlyResult<F, Owner...>>::Value;
 
 // Calls `call` and makes `outer` follow the promise it returns, for a value or an error only.
+// The value is moved on when f's promise has no other reader left (see Seal::handOn).
 template <class T, class Call>
-void runFirstly(const SealRef<T>& outer, Call&& call) {
+void runFirstly(const SettleTarget<T>& outer, Call&& call) {
     std::optional<Promise<T>> inner;
     try {
         inner.emplace(call());
@@ -45,16 +48,17 @@ void runFirstly(const SealRef<T>& outer, Call&& call) {
         settle(outer, Resolution<T>::rejected(std::current_exception()));
         return;
     }
-    const auto& seal = PromiseAccess::seal(*inner);
-    seal->addHandler([outer](const Resolution<T>& resolution, Seal<T>&) noexcept {
-        if (!resolution.isCancelled()) {
-            settle(outer, resolution);
-        }
-    });
+    Seal<T>::addReaderHandler(
+        PromiseAccess::take(std::move(*inner)),
+        [outer](const Resolution<T>& resolution, Seal<T>& source, std::uint32_t held) noexcept {
+            if (!resolution.isCancelled()) {
+                settle(outer, source.handOn(held));
+            }
+        });
 }
 
 template <class T, class O, class F>
-void runFirstlyWithOwner(const SealRef<T>& outer, const std::weak_ptr<O>& owner, F& f) {
+void runFirstlyWithOwner(const SettleTarget<T>& outer, const std::weak_ptr<O>& owner, F& f) {
     std::shared_ptr<O> strong = owner.lock();
     if (!strong) {
         settle(outer, Resolution<T>::rejected(std::make_exception_ptr(PromiseError::abandoned)));
@@ -76,7 +80,8 @@ requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyR
     const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
     auto outer = detail::SealRef<T>::make();
-    queue.async([outer, f = std::forward<F>(f)]() mutable { detail::runFirstly(outer, f); });
+    queue.async([target = detail::SettleTarget<T>::owning(outer),
+                 f = std::forward<F>(f)]() mutable { detail::runFirstly(target, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
 
@@ -85,9 +90,9 @@ requires detail::PromiseTraits<detail::FirstlyResult<F, O&>>::value detail::Firs
 firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
     using T = detail::FirstlyValue<F, O&>;
     auto outer = detail::SealRef<T>::make();
-    queue.async([outer, owner = std::weak_ptr<O>(owner), f = std::forward<F>(f)]() mutable {
-        detail::runFirstlyWithOwner(outer, owner, f);
-    });
+    queue.async(
+        [target = detail::SettleTarget<T>::owning(outer), owner = std::weak_ptr<O>(owner),
+         f = std::forward<F>(f)]() mutable { detail::runFirstlyWithOwner(target, owner, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
 
@@ -96,7 +101,8 @@ requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyR
 firstlySync(const DispatchQueue& queue, F&& f) {
     using T = detail::FirstlyValue<F>;
     auto outer = detail::SealRef<T>::make();
-    queue.sync([&] { detail::runFirstly(outer, f); });
+    auto target = detail::SettleTarget<T>::owning(outer);
+    queue.sync([&] { detail::runFirstly(target, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
 
@@ -106,7 +112,8 @@ firstlySync(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) 
     using T = detail::FirstlyValue<F, O&>;
     auto outer = detail::SealRef<T>::make();
     std::weak_ptr<O> weakOwner(owner);
-    queue.sync([&] { detail::runFirstlyWithOwner(outer, weakOwner, f); });
+    auto target = detail::SettleTarget<T>::owning(outer);
+    queue.sync([&] { detail::runFirstlyWithOwner(target, weakOwner, f); });
     return detail::PromiseAccess::make(std::move(outer));
 }
 

@@ -28,7 +28,11 @@
 //
 // A callable is moved into the chain once and never copied. Values are passed to callables by
 // const reference straight from the settled promise (a callable that takes its parameter by
-// value makes the only copy); results are moved into the next promise.
+// value makes the only copy); results are moved into the next promise. A promise that is
+// handed on (returned by a flattening `then` callable, or given to race or all) gives up its
+// value by move when nothing else can read it any more, and is copied otherwise: a move-only T
+// works wherever the chain is the value's one consumer, and handing on a shared move-only
+// value stops the process.
 //
 // Thread rules: any thread may create, settle and chain promises; the settle callables handed
 // out by the constructors may be copied, kept, and called from any thread any number of times.
@@ -36,6 +40,7 @@
 #pragma once
 
 #include <concepts>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <initializer_list>
@@ -75,6 +80,11 @@ struct PromiseAccess {
     template <class T>
     static const SealRef<T>& seal(const Promise<T>& promise) noexcept {
         return promise.seal_;
+    }
+    // The promise's seal, taken out of a promise that is going away.
+    template <class T>
+    static SealRef<T> take(Promise<T>&& promise) noexcept {
+        return std::move(promise.seal_);
     }
     template <class T>
     static Promise<T> make(SealRef<T> seal) {
@@ -203,18 +213,20 @@ Resolution<U> resolutionFromCall(Call&& call) noexcept {
     }
 }
 
-// Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once.
+// Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once. The
+// value is moved on when `inner` has no other reader left (see Seal::handOn).
 template <class U>
-void follow(const SealRef<U>& inner, SealRef<U> derived) {
-    inner->addHandler(
-        [derived = std::move(derived)](const Resolution<U>& resolution, Seal<U>&) noexcept {
-            settle(derived, resolution);
-        });
+void follow(SealRef<U> inner, SettleTarget<U> derived) {
+    Seal<U>::addReaderHandler(std::move(inner),
+                              [derived = std::move(derived)](const Resolution<U>&, Seal<U>& source,
+                                                             std::uint32_t held) noexcept {
+                                  settle(derived, source.handOn(held));
+                              });
 }
 
 // Settles `derived` from what a then-callable produced. `call` invokes the user's callable.
 template <class U, class R, class Call>
-void settleFromCall(const SealRef<U>& derived, Call&& call) noexcept {
+void settleFromCall(const SettleTarget<U>& derived, Call&& call) noexcept {
     if constexpr (PromiseTraits<R>::value) {
         std::optional<R> inner;
         try {
@@ -223,7 +235,7 @@ void settleFromCall(const SealRef<U>& derived, Call&& call) noexcept {
             settle(derived, resolutionOfThrown<U>());
             return;
         }
-        follow(PromiseAccess::seal(*inner), derived);
+        follow(PromiseAccess::take(std::move(*inner)), derived);
     } else {
         settle(derived, resolutionFromCall<U, R>(call));
     }
@@ -232,7 +244,7 @@ void settleFromCall(const SealRef<U>& derived, Call&& call) noexcept {
 // The body of a then-handler once it runs on its queue: calls the callable for a value,
 // forwards an error or a cancellation.
 template <class U, class T, class ValueCase>
-void continueThen(const Resolution<T>& resolution, const SealRef<U>& derived,
+void continueThen(const Resolution<T>& resolution, const SettleTarget<U>& derived,
                   ValueCase&& onValue) noexcept {
     if (resolution.isResolved()) {
         onValue();
@@ -377,9 +389,10 @@ class Promise {
     // A no-value promise fulfilled at `until` by the default-quality global queue.
     static Promise delay(DispatchTime until) requires std::is_void_v<T> {
         Promise promise(detail::SealRef<T>::make());
-        DispatchQueue::global(DispatchQoS::default_).asyncAfter(until, [seal = promise.seal_] {
-            detail::settle(seal, Resolution<T>::resolved());
-        });
+        DispatchQueue::global(DispatchQoS::default_)
+            .asyncAfter(until, [target = detail::SettleTarget<T>::owning(promise.seal_)] {
+                target.settle(Resolution<T>::resolved());
+            });
         return promise;
     }
 
@@ -529,14 +542,16 @@ class Promise {
     // other: the first element that is rejected (or cancelled) before all earlier ones have
     // fulfilled decides the outcome. An empty collection gives an already fulfilled promise.
     static Promise<std::vector<Value>> all(std::vector<Promise> promises);
-    static Promise<std::vector<Value>> all(std::initializer_list<Promise> promises) {
+    static Promise<std::vector<Value>> all(
+        std::initializer_list<Promise> promises) requires std::is_copy_constructible_v<Value> {
         return all(std::vector<Promise>(promises));
     }
 
     // A promise settled by the first element to be fulfilled or rejected; cancelled elements
     // are ignored. An empty collection gives a promise that never settles.
     static Promise race(std::vector<Promise> promises);
-    static Promise race(std::initializer_list<Promise> promises) {
+    static Promise race(
+        std::initializer_list<Promise> promises) requires std::is_copy_constructible_v<Value> {
         return race(std::vector<Promise>(promises));
     }
 
@@ -687,12 +702,13 @@ class Promise {
     struct AllState {
         std::vector<Promise> inputs;
         std::vector<Value> values;
-        detail::SealRef<std::vector<Value>> result;
+        detail::SettleTarget<std::vector<Value>> result;
 
         // Takes the resolution of input values.size(); false once it has settled the result.
-        bool take(const Resolution<T>& resolution) {
+        template <class R>
+        bool take(R&& resolution) {
             if (resolution.isResolved()) {
-                values.push_back(resolution.value());
+                values.push_back(std::forward<R>(resolution).value());
                 return true;
             }
             if (resolution.isRejected()) {
@@ -713,17 +729,36 @@ class Promise {
         // lock (AfterSettlement): a walk that went on under the settling seal's lock could
         // re-lock a seal its own thread is settling (an input derived on zalgo from a later
         // input), or lock seals in the opposite order of another thread walking another `all`.
+        //
+        // An input the walk is the last reader of gives its value up (moved); a settled input
+        // that others can still read, or whose value is trivially copyable, is copied without
+        // its lock.
         static void walk(const std::shared_ptr<AllState>& state) {
             while (state->values.size() < state->inputs.size()) {
                 detail::SealRef<T> seal = std::move(state->inputs[state->values.size()].seal_);
-                const Resolution<T>* resolution = seal->resolutionOrAddHandler([&state] {
-                    return [state](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
-                        if (state->take(resolution)) {
+                if constexpr (std::is_copy_constructible_v<Value>) {
+                    // A trivially copyable value gains nothing from a move: always copied here.
+                    if (seal->isResolved() &&
+                        (std::is_trivially_copyable_v<Value> || !seal->hasSoleReader())) {
+                        if (!state->take(seal->settledResolution())) {
+                            return;
+                        }
+                        continue;
+                    }
+                }
+                // Called at once (held == 1), the handler only hands the resolution out: the
+                // walk takes it once the input's lock is released.
+                std::optional<Resolution<T>> now;
+                detail::Seal<T>::addReaderHandler(
+                    std::move(seal), [state, &now](const Resolution<T>&, detail::Seal<T>& source,
+                                                   std::uint32_t held) noexcept {
+                        if (held == 1) {
+                            now.emplace(source.handOn(held));
+                        } else if (state->take(source.handOn(held))) {
                             detail::AfterSettlement::run([state] { walk(state); });
                         }
-                    };
-                });
-                if (resolution == nullptr || !state->take(*resolution)) {
+                    });
+                if (!now || !state->take(std::move(*now))) {
                     return;
                 }
             }
@@ -744,28 +779,33 @@ Promise<std::vector<typename Promise<T>::Value>> Promise<T>::all(std::vector<Pro
     auto state = std::make_shared<AllState>();
     state->values.reserve(promises.size());
     state->inputs = std::move(promises);
-    state->result = detail::SealRef<Values>::make();
-    Promise<Values> result(state->result);
+    Promise<Values> result(detail::SealRef<Values>::make());
+    state->result = detail::SettleTarget<Values>::owning(result.seal_);
     AllState::walk(state);
     return result;
 }
 
 template <class T>
 Promise<T> Promise<T>::race(std::vector<Promise> promises) {
-    auto result = detail::SealRef<T>::make();
+    Promise result(detail::SealRef<T>::make());
     if (promises.empty()) {
-        return Promise(std::move(result));
+        return result;
     }
     auto runner = std::make_shared<FirstBlockRunner>();
-    for (const Promise& promise : promises) {
-        promise.seal_->addHandler(
-            [runner, result](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
+    auto target = detail::SettleTarget<T>::owning(result.seal_);
+    // Each input is taken out of the vector, so that the winner, if the race is its last
+    // reader, moves its value into the result.
+    for (Promise& promise : promises) {
+        detail::Seal<T>::addReaderHandler(
+            std::move(promise.seal_),
+            [runner, target](const Resolution<T>& resolution, detail::Seal<T>& source,
+                             std::uint32_t held) noexcept {
                 if (!resolution.isCancelled() && runner->decide()) {
-                    detail::settle(result, resolution);
+                    target.settle(source.handOn(held));
                 }
             });
     }
-    return Promise(std::move(result));
+    return result;
 }
 
 }  // namespace kel

@@ -37,9 +37,14 @@ class Resolution {
     bool isCancelled() const noexcept { return storage_.index() == 2; }
 
     // The value of a resolved resolution; asking another case for it is a programming error.
-    const Value& value() const {
+    const Value& value() const& {
         KEL_PRECONDITION(isResolved(), "Resolution has no value");
         return std::get<0>(storage_);
+    }
+    // The value moved out of a resolution that is going away.
+    Value&& value() && {
+        KEL_PRECONDITION(isResolved(), "Resolution has no value");
+        return std::get<0>(std::move(storage_));
     }
     // The error of a rejected resolution; asking another case for it is a programming error.
     const Error& error() const {

@@ -8,14 +8,18 @@
 // called at once, also under the lock. Work a handler hands to AfterSettlement runs once the
 // settling thread holds no seal lock any more. The handlers are destroyed after the lock is
 // released, so what they capture is never destroyed inside the critical section. Once resolved, the
-// resolution never changes, so reading it (resolution(), state()) takes no lock: an atomic flag,
-// set under the lock before any handler runs, publishes it.
+// resolution never changes as far as anyone can see, so reading it (resolution(), state()) takes
+// no lock: an atomic flag, set under the lock before any handler runs, publishes it. (Its last
+// reader may move the value out, under the lock, when no one else can read it any more.)
 //
-// Thread rules: settle, addHandler and resolutionOrAddHandler may be called from any thread,
+// Thread rules: settle, addHandler and addReaderHandler may be called from any thread,
 // concurrently; exactly one settlement wins, and each handler runs exactly once. A handler runs
 // under the seal's lock, so it must not settle or register on the same seal.
-// Ownership: reference counted. SealRef is the owning pointer (promise handles, handlers that
-// keep a seal alive); SettleTarget is the reference inside the settle callables.
+// Ownership: reference counted. SealRef is the owning pointer of a reader (promise handles,
+// handlers that keep a seal alive); SettleTarget is the owning pointer of a settler (the settle
+// callables, and the combinators' references to the promises they settle). The two kinds are
+// counted apart, so that a reader can tell when it is the last one: its settled value can then
+// be moved on (handOn) instead of copied, which is what lets a move-only value travel.
 #pragma once
 
 #include <atomic>
@@ -98,6 +102,11 @@ template <class T>
 using SealHandler = InlineFunction<void(const Resolution<T>&, Seal<T>&), 80>;
 
 template <class T>
+class SealRef;
+template <class T>
+class SettleTarget;
+
+template <class T>
 class Seal {
   public:
     enum class State { pending, resolved };
@@ -105,9 +114,9 @@ class Seal {
     // A new seal with one reference, owned by the caller (see SealRef::make). User-provided, so
     // that `new Seal()` does not zero the whole object before the members initialise themselves.
     Seal() noexcept {}
-    // A new pending seal with two references (see SealRef::makePair).
+    // A new pending seal with a reader's and a settler's reference (see SealRef::makePair).
     struct TwoOwners {};
-    explicit Seal(TwoOwners) noexcept : references_(2) {}
+    explicit Seal(TwoOwners) noexcept : references_(1 + settlerReference) {}
     explicit Seal(Resolution<T> resolution) : resolution_(std::move(resolution)), resolved_(true) {}
     Seal(const Seal&) = delete;
     Seal& operator=(const Seal&) = delete;
@@ -117,15 +126,48 @@ class Seal {
         SealAllocator::deallocate(block, size);
     }
 
-    // Takes one more reference; the caller must already hold one.
-    void retain() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
+    // The weight of a settler's reference; a reader's weighs 1. Readers are counted in the low
+    // half of references_, settlers in the high half.
+    static constexpr std::uint64_t settlerReference = std::uint64_t{1} << 32;
+
+    // Takes one more reference of the given weight; the caller must already hold one.
+    void retain(std::uint64_t weight = 1) noexcept {
+        references_.fetch_add(weight, std::memory_order_relaxed);
+    }
 
     // Drops a reference and destroys the seal with the last one. A sole owner skips the atomic
     // decrement: no other thread can take a reference to a seal that only the caller holds.
-    void release() noexcept {
-        if (references_.load(std::memory_order_acquire) == 1 ||
-            references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    void release(std::uint64_t weight = 1) noexcept {
+        if (references_.load(std::memory_order_acquire) == weight ||
+            references_.fetch_sub(weight, std::memory_order_acq_rel) == weight) {
             delete this;
+        }
+    }
+
+    // The resolution for a reader that holds `held` reader references, called under the lock
+    // (from a handler or callResolved) of a resolved seal. When no other reader can see the
+    // resolution any more (no other reader reference, and no handler left to run after the
+    // current one), it is moved out; otherwise it is copied. Readers are only ever created from
+    // readers, so a count equal to `held` cannot grow behind the caller's back. A move-only value
+    // that another reader can still see cannot be handed on: that is a programming error.
+    Resolution<T> handOn(std::uint32_t held) {
+        Resolution<T>& resolution = *resolution_;
+        if (laterHandlers_ == 0 &&
+            (references_.load(std::memory_order_acquire) & readerMask) == held) {
+            return std::move(resolution);
+        }
+        if constexpr (std::is_copy_constructible_v<Resolution<T>>) {
+            return resolution;
+        } else {
+            if (resolution.isRejected()) {
+                return Resolution<T>::rejected(resolution.error());
+            }
+            if (resolution.isCancelled()) {
+                return Resolution<T>::cancelled();
+            }
+            fatalError(
+                "a promise of a move-only value was handed on while other promises or handlers "
+                "could still read it: give the chain the only copy of the promise");
         }
     }
 
@@ -147,8 +189,10 @@ class Seal {
             resolution_.emplace(std::move(resolution));
             resolved_.store(true, std::memory_order_release);
             if (first_) {
+                laterHandlers_ = more_.size();
                 first_(*resolution_, *this);
                 for (auto& handler : more_) {
+                    --laterHandlers_;
                     handler(*resolution_, *this);
                 }
             }
@@ -170,22 +214,14 @@ class Seal {
         }
     }
 
-    // The resolution if the seal is resolved (read without the lock: it is published before
-    // any handler runs); otherwise stores the handler that makeHandler() returns and gives null.
-    // Lets a caller that walks many promises handle the settled ones in a loop, without recursing
-    // through their handlers or building handlers it does not need.
-    template <class MakeHandler>
-    const Resolution<T>* resolutionOrAddHandler(MakeHandler&& makeHandler) {
-        if (resolved_.load(std::memory_order_acquire)) {
-            return &*resolution_;
-        }
-        std::lock_guard guard(lock_);
-        if (resolved_.load(std::memory_order_relaxed)) {
-            return &*resolution_;
-        }
-        store(makeHandler());
-        return nullptr;
-    }
+    // Calls handler(resolution, seal, held) at once, under the lock, if the seal is resolved;
+    // otherwise stores it, to be called with held = 0. `reader` is the caller's own reference,
+    // taken over: on the stored path it is dropped under the same lock, so that when the
+    // handler runs the caller no longer counts as a reader, and the handler may move the value
+    // on (handOn) if it is the last reader.
+    template <class H>
+    static void addReaderHandler(SealRef<T> reader, H&& handler);
+    // (held is 1 exactly when the handler is called at once, by addReaderHandler itself.)
 
     // Calls f(resolution) under the lock, as a handler registered now would be called, and
     // returns what f returns. The seal must be resolved already.
@@ -199,6 +235,11 @@ class Seal {
     const Resolution<T>& settledResolution() const noexcept { return *resolution_; }
 
     bool isResolved() const noexcept { return resolved_.load(std::memory_order_acquire); }
+
+    // Whether the caller's reference is the only reader's (settlers not counted).
+    bool hasSoleReader() const noexcept {
+        return (references_.load(std::memory_order_acquire) & readerMask) == 1;
+    }
 
     std::optional<Resolution<T>> resolution() const {
         if (isResolved()) {
@@ -219,13 +260,16 @@ class Seal {
         }
     }
 
-    std::atomic<std::uint32_t> references_{1};
+    static constexpr std::uint64_t readerMask = settlerReference - 1;
+
+    std::atomic<std::uint64_t> references_{1};  // readers + settlers * settlerReference
     mutable MutexLock lock_;
     // Written once under lock_, before resolved_ is set; read-only afterwards.
     std::optional<Resolution<T>> resolution_;
     std::atomic<bool> resolved_{false};  // set once, under lock_; publishes resolution_
     SealHandler<T> first_;               // guarded by lock_ while pending
     std::vector<SealHandler<T>> more_;   // guarded by lock_ while pending
+    std::size_t laterHandlers_ = 0;      // guarded by lock_: handlers left after the running one
 };
 
 // An owning pointer to a seal: copying takes a reference, destroying drops it.
@@ -240,12 +284,9 @@ class SealRef {
         return SealRef(new Seal<T>(std::forward<Args>(args)...));
     }
 
-    // A new pending seal owned by two pointers (a promise and the handler that settles it),
-    // without an atomic increment for the second.
-    static std::pair<SealRef, SealRef> makePair() {
-        auto* seal = new Seal<T>(typename Seal<T>::TwoOwners{});
-        return {SealRef(seal), SealRef(seal)};
-    }
+    // A new pending seal owned by a promise and by the settler that settles it, without an
+    // atomic increment for the second.
+    static std::pair<SealRef, SettleTarget<T>> makePair();
 
     // Another reference to a seal the caller already holds one to.
     static SealRef retained(Seal<T>& seal) noexcept {
@@ -270,6 +311,8 @@ class SealRef {
     }
 
     Seal<T>* get() const noexcept { return seal_; }
+    // Gives up the reference without dropping it.
+    Seal<T>* release() noexcept { return std::exchange(seal_, nullptr); }
     Seal<T>* operator->() const noexcept { return seal_; }
     Seal<T>& operator*() const noexcept { return *seal_; }
 
@@ -292,13 +335,16 @@ class SettleTarget {
   public:
     static SettleTarget borrowing(Seal<T>& seal) noexcept { return SettleTarget(&seal, false); }
     static SettleTarget owning(const SealRef<T>& seal) noexcept {
-        seal->retain();
+        seal->retain(Seal<T>::settlerReference);
         return SettleTarget(seal.get(), true);
     }
+    // Takes over a settler's reference that the caller already counted.
+    static SettleTarget adopting(Seal<T>& seal) noexcept { return SettleTarget(&seal, true); }
 
+    SettleTarget() noexcept : seal_(nullptr), owns_(false) {}
     SettleTarget(const SettleTarget& other) noexcept : seal_(other.seal_), owns_(seal_ != nullptr) {
         if (owns_) {
-            seal_->retain();
+            seal_->retain(Seal<T>::settlerReference);
         }
     }
     SettleTarget(SettleTarget&& other) noexcept : seal_(other.seal_), owns_(seal_ != nullptr) {
@@ -306,7 +352,7 @@ class SettleTarget {
             other.seal_ = nullptr;
             other.owns_ = false;
         } else if (owns_) {
-            seal_->retain();
+            seal_->retain(Seal<T>::settlerReference);
         }
     }
     SettleTarget& operator=(SettleTarget other) noexcept {
@@ -316,7 +362,7 @@ class SettleTarget {
     }
     ~SettleTarget() {
         if (owns_) {
-            seal_->release();
+            seal_->release(Seal<T>::settlerReference);
         }
     }
 
@@ -333,8 +379,45 @@ class SettleTarget {
 };
 
 template <class T>
-void settle(const SealRef<T>& seal, Resolution<T> resolution) {
-    seal->settle(std::move(resolution));
+void settle(const SettleTarget<T>& target, Resolution<T> resolution) {
+    target.settle(std::move(resolution));
+}
+
+template <class T>
+std::pair<SealRef<T>, SettleTarget<T>> SealRef<T>::makePair() {
+    auto* seal = new Seal<T>(typename Seal<T>::TwoOwners{});
+    return {SealRef(seal), SettleTarget<T>::adopting(*seal)};
+}
+
+template <class T>
+template <class H>
+void Seal<T>::addReaderHandler(SealRef<T> reader, H&& handler) {
+    Seal& seal = *reader.release();
+    bool last = false;
+    {
+        std::lock_guard guard(seal.lock_);
+        if (seal.resolved_.load(std::memory_order_relaxed)) {
+            handler(*seal.resolution_, seal, 1);
+        } else {
+            seal.store([handler = std::forward<H>(handler)](const Resolution<T>& resolution,
+                                                            Seal& source) mutable noexcept {
+                handler(resolution, source, 0);
+            });
+            // The caller's reader is dropped under the lock, before any settlement can run
+            // the handler.
+            last = seal.references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+            if (!last) {
+                return;
+            }
+        }
+    }
+    // Resolved: drop the caller's reference now that the handler has run. Pending and last:
+    // no one can settle the seal any more.
+    if (last) {
+        delete &seal;
+    } else {
+        seal.release();
+    }
 }
 
 }  // namespace kel::detail

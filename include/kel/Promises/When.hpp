@@ -10,7 +10,9 @@
 //                            one value, or WhenError with both errors
 //   whenFirst(queue, a, b)   Promise<std::tuple<A, std::optional<B>>>: a's value and b's if it
 //                            has one (b's error is dropped), or WhenError when a has no value
-// V is the input's value type (kel::Void for Promise<void>). The joins never fail early and are
+// V is the input's value type (kel::Void for Promise<void>). The inputs are taken over: an input
+// whose only handle was handed in (std::move) has its value moved into the result, so V may be
+// move-only; an input someone else still holds is copied. The joins never fail early and are
 // never cancelled: the decision is made once, by a dispatch-group notification on `queue`, after
 // the last input has settled (so it is asynchronous on `queue` even for an empty list).
 //
@@ -22,6 +24,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -57,34 +60,38 @@ struct TupleJoinState {
     }
 };
 
+// Records input I's outcome into its slot. The input is taken over: when the join is its last
+// reader, its value is moved into the slot (see Seal::handOn).
 template <std::size_t I, class State, class T>
 void watchInput(const std::shared_ptr<State>& state, const DispatchGroup& group,
-                const Promise<T>& input) {
+                Promise<T>&& input) {
     group.enter();
-    const auto& seal = PromiseAccess::seal(input);
-    seal->addHandler([state, group](const Resolution<T>& resolution, Seal<T>&) noexcept {
-        if (resolution.isResolved()) {
-            std::get<I>(state->values).emplace(resolution.value());
-        } else if (resolution.isRejected()) {
-            state->errors[I] = resolution.error();
-        }
-        group.leave();
-    });
+    Seal<T>::addReaderHandler(
+        PromiseAccess::take(std::move(input)),
+        [state, group](const Resolution<T>& resolution, Seal<T>& source,
+                       std::uint32_t held) noexcept {
+            if (resolution.isResolved()) {
+                std::get<I>(state->values).emplace(source.handOn(held).value());
+            } else if (resolution.isRejected()) {
+                state->errors[I] = resolution.error();
+            }
+            group.leave();
+        });
 }
 
 // Watches every input and settles the result with decide(state) once all have settled.
 template <class R, class Decide, class... Ts>
-Promise<R> joinTuple(const DispatchQueue& queue, Decide decide, const Promise<Ts>&... inputs) {
+Promise<R> joinTuple(const DispatchQueue& queue, Decide decide, Promise<Ts>... inputs) {
     using State = TupleJoinState<Ts...>;
     auto state = std::make_shared<State>();
     auto result = SealRef<R>::make();
     DispatchGroup group;
     [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (watchInput<I>(state, group, inputs), ...);
+        (watchInput<I>(state, group, std::move(inputs)), ...);
     }
     (std::index_sequence_for<Ts...>{});
-    group.notify(queue,
-                 [state, result, decide = std::move(decide)] { settle(result, decide(*state)); });
+    group.notify(queue, [state, target = SettleTarget<R>::owning(result),
+                         decide = std::move(decide)] { target.settle(decide(*state)); });
     return PromiseAccess::make(std::move(result));
 }
 
@@ -97,7 +104,7 @@ Resolution<R> rejectedWith(std::vector<Error> errors) {
 
 template <class T>
 Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
-                                          const std::vector<Promise<T>>& promises) {
+                                          std::vector<Promise<T>> promises) {
     using V = ValueOrVoid<T>;
     struct State {
         std::vector<std::optional<V>> values;  // slot i written only by input i's handler
@@ -110,18 +117,19 @@ Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
     DispatchGroup group;
     for (std::size_t index = 0; index < promises.size(); ++index) {
         group.enter();
-        const auto& seal = detail::PromiseAccess::seal(promises[index]);
-        seal->addHandler(
-            [state, group, index](const Resolution<T>& resolution, detail::Seal<T>&) noexcept {
+        detail::Seal<T>::addReaderHandler(
+            detail::PromiseAccess::take(std::move(promises[index])),
+            [state, group, index](const Resolution<T>& resolution, detail::Seal<T>& source,
+                                  std::uint32_t held) noexcept {
                 if (resolution.isResolved()) {
-                    state->values[index].emplace(resolution.value());
+                    state->values[index].emplace(source.handOn(held).value());
                 } else if (resolution.isRejected()) {
                     state->errors[index] = resolution.error();
                 }
                 group.leave();
             });
     }
-    group.notify(queue, [state, result] {
+    group.notify(queue, [state, result = detail::SettleTarget<std::vector<V>>::owning(result)] {
         std::vector<Error> errors;
         for (Error& error : state->errors) {
             if (error) {
@@ -145,14 +153,14 @@ Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
 }
 
 template <class T>
-Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
-                                          std::initializer_list<Promise<T>> promises) {
+requires std::is_copy_constructible_v<ValueOrVoid<T>> Promise<std::vector<ValueOrVoid<T>>> when(
+    const DispatchQueue& queue, std::initializer_list<Promise<T>> promises) {
     return when(queue, std::vector<Promise<T>>(promises));
 }
 
 template <class A, class B>
-Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>> when(const DispatchQueue& queue,
-                                                         const Promise<A>& a, const Promise<B>& b) {
+Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>> when(const DispatchQueue& queue, Promise<A> a,
+                                                         Promise<B> b) {
     using R = std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>;
     return detail::joinTuple<R>(
         queue,
@@ -163,14 +171,13 @@ Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>> when(const DispatchQueue& qu
             }
             return detail::rejectedWith<R>(s.presentErrors());
         },
-        a, b);
+        std::move(a), std::move(b));
 }
 
 template <class A, class B, class C>
 Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>, ValueOrVoid<C>>> when(const DispatchQueue& queue,
-                                                                         const Promise<A>& a,
-                                                                         const Promise<B>& b,
-                                                                         const Promise<C>& c) {
+                                                                         Promise<A> a, Promise<B> b,
+                                                                         Promise<C> c) {
     using R = std::tuple<ValueOrVoid<A>, ValueOrVoid<B>, ValueOrVoid<C>>;
     return detail::joinTuple<R>(
         queue,
@@ -181,12 +188,12 @@ Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>, ValueOrVoid<C>>> when(const D
             }
             return detail::rejectedWith<R>(s.presentErrors());
         },
-        a, b, c);
+        std::move(a), std::move(b), std::move(c));
 }
 
 template <class A, class B>
 Promise<std::tuple<std::optional<ValueOrVoid<A>>, std::optional<ValueOrVoid<B>>>> whenSome(
-    const DispatchQueue& queue, const Promise<A>& a, const Promise<B>& b) {
+    const DispatchQueue& queue, Promise<A> a, Promise<B> b) {
     using R = std::tuple<std::optional<ValueOrVoid<A>>, std::optional<ValueOrVoid<B>>>;
     return detail::joinTuple<R>(
         queue,
@@ -197,12 +204,12 @@ Promise<std::tuple<std::optional<ValueOrVoid<A>>, std::optional<ValueOrVoid<B>>>
             }
             return detail::rejectedWith<R>(s.presentErrors());
         },
-        a, b);
+        std::move(a), std::move(b));
 }
 
 template <class A, class B>
 Promise<std::tuple<ValueOrVoid<A>, std::optional<ValueOrVoid<B>>>> whenFirst(
-    const DispatchQueue& queue, const Promise<A>& a, const Promise<B>& b) {
+    const DispatchQueue& queue, Promise<A> a, Promise<B> b) {
     using R = std::tuple<ValueOrVoid<A>, std::optional<ValueOrVoid<B>>>;
     return detail::joinTuple<R>(
         queue,
@@ -213,7 +220,7 @@ Promise<std::tuple<ValueOrVoid<A>, std::optional<ValueOrVoid<B>>>> whenFirst(
             }
             return detail::rejectedWith<R>(s.presentErrors());
         },
-        a, b);
+        std::move(a), std::move(b));
 }
 
 }  // namespace kel
