@@ -251,6 +251,22 @@ void BM_HTTPGet_RawCurlMultiDecode(benchmark::State& state) {
 }
 BENCHMARK(BM_HTTPGet_RawCurlMultiDecode)->Arg(1)->Arg(64)->UseRealTime();
 
+// Runs batches of requestsPerBatch requests, keeping `inFlight` of them going: `next` starts one
+// request (or nothing once the batch is all started) and its completion calls `next` again and
+// arrives at `countdown`.
+void runRequestBatches(benchmark::State& state, std::int64_t inFlight, Countdown& countdown,
+                       std::atomic<std::int64_t>& started, const std::function<void()>& next) {
+    for (auto _ : state) {
+        countdown.reset(requestsPerBatch);
+        started.store(0);
+        for (std::int64_t i = 0; i < inFlight; ++i) {
+            next();
+        }
+        countdown.wait();
+    }
+    state.SetItemsProcessed(state.iterations() * requestsPerBatch);
+}
+
 void BM_HTTPGet_URLSession(benchmark::State& state) {
     const auto inFlight = state.range(0);
     auto session = kel::URLSession::make();
@@ -270,15 +286,7 @@ void BM_HTTPGet_URLSession(benchmark::State& state) {
                        })
             ->resume();
     };
-    for (auto _ : state) {
-        countdown.reset(requestsPerBatch);
-        started.store(0);
-        for (std::int64_t i = 0; i < inFlight; ++i) {
-            next();
-        }
-        countdown.wait();
-    }
-    state.SetItemsProcessed(state.iterations() * requestsPerBatch);
+    runRequestBatches(state, inFlight, countdown, started, next);
 }
 BENCHMARK(BM_HTTPGet_URLSession)->Arg(1)->Arg(64)->UseRealTime();
 
@@ -302,15 +310,7 @@ void BM_HTTPGet_NetworkOperationPromise(benchmark::State& state) {
             countdown.arrive();
         });
     };
-    for (auto _ : state) {
-        countdown.reset(requestsPerBatch);
-        started.store(0);
-        for (std::int64_t i = 0; i < inFlight; ++i) {
-            next();
-        }
-        countdown.wait();
-    }
-    state.SetItemsProcessed(state.iterations() * requestsPerBatch);
+    runRequestBatches(state, inFlight, countdown, started, next);
 }
 BENCHMARK(BM_HTTPGet_NetworkOperationPromise)->Arg(1)->Arg(64)->UseRealTime();
 
