@@ -1,7 +1,8 @@
 // Networking side by side: GETs of a 1 KiB JSON body from a loopback server, 1 and 64 requests
-// in flight, through URLSession, through NetworkOperation + TaskScheduler::promise, and through
-// raw libcurl multi doing the same requests (and decoding them) on the benchmark thread; then
-// decoding a 1 MB JSON document through JSONDeserializer beside nlohmann/json on its own.
+// in flight, through URLSession, through NetworkOperation + TaskScheduler::promise (with the
+// session's handlers on its I/O thread, and on the global queue), and through raw libcurl multi
+// doing the same requests (and decoding them) on the benchmark thread; then decoding the 1 KiB
+// body and a 1 MB JSON document through JSONDeserializer beside nlohmann/json on its own.
 //
 // The server is part of the benchmark process: two epoll threads answering keep-alive HTTP/1.1
 // requests with a canned response, so that it is not what limits the clients. All clients keep
@@ -290,11 +291,13 @@ void BM_HTTPGet_URLSession(benchmark::State& state) {
 }
 BENCHMARK(BM_HTTPGet_URLSession)->Arg(1)->Arg(64)->UseRealTime();
 
-void BM_HTTPGet_NetworkOperationPromise(benchmark::State& state) {
+void networkOperationPromise(benchmark::State& state,
+                             std::optional<kel::DispatchQueue> delegateQueue) {
     using Operation = kel::NetworkOperation<kel::JSONDeserializer<Feed>>;
     const auto inFlight = state.range(0);
     kel::ScopedLogSink quiet(std::make_shared<DiscardingSink>());
-    auto session = kel::NetworkProxy::session(kel::URLSession::make());
+    auto session = kel::NetworkProxy::session(kel::URLSession::make(
+        kel::URLSessionConfiguration::defaultSessionConfiguration(), delegateQueue));
     auto endpoint = *kel::URL::fromString(server().url());
     Countdown countdown;
     std::atomic<std::int64_t> started{0};
@@ -312,39 +315,52 @@ void BM_HTTPGet_NetworkOperationPromise(benchmark::State& state) {
     };
     runRequestBatches(state, inFlight, countdown, started, next);
 }
+
+void BM_HTTPGet_NetworkOperationPromise(benchmark::State& state) {
+    networkOperationPromise(state, std::nullopt);
+}
 BENCHMARK(BM_HTTPGet_NetworkOperationPromise)->Arg(1)->Arg(64)->UseRealTime();
 
-const std::string& megabyteDocument() {
-    static const std::string document = jsonDocument(1'000'000);
-    return document;
+// The same with the session's handlers (and so the decoding) on the global concurrent queue
+// instead of its I/O thread: what an application with many requests in flight would choose.
+void BM_HTTPGet_NetworkOperationPromiseGlobalQueue(benchmark::State& state) {
+    networkOperationPromise(state, kel::DispatchQueue::global());
+}
+BENCHMARK(BM_HTTPGet_NetworkOperationPromiseGlobalQueue)->Arg(1)->Arg(64)->UseRealTime();
+
+// The benchmark's body (1 KiB) and a 1 MB document, made once.
+const std::string& document(std::int64_t size) {
+    static const std::string small = jsonDocument(1024);
+    static const std::string large = jsonDocument(1'000'000);
+    return size <= 1024 ? small : large;
 }
 
 void BM_JSONDecode_NlohmannParse(benchmark::State& state) {
-    const auto& document = megabyteDocument();
+    const auto& text = document(state.range(0));
     for (auto _ : state) {
-        benchmark::DoNotOptimize(nlohmann::json::parse(document));
+        benchmark::DoNotOptimize(nlohmann::json::parse(text));
     }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(document.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
-BENCHMARK(BM_JSONDecode_NlohmannParse);
+BENCHMARK(BM_JSONDecode_NlohmannParse)->Arg(1024)->Arg(1'000'000);
 
 void BM_JSONDecode_NlohmannParseAndGet(benchmark::State& state) {
-    const auto& document = megabyteDocument();
+    const auto& text = document(state.range(0));
     for (auto _ : state) {
-        benchmark::DoNotOptimize(nlohmann::json::parse(document).get<Feed>());
+        benchmark::DoNotOptimize(nlohmann::json::parse(text).get<Feed>());
     }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(document.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
-BENCHMARK(BM_JSONDecode_NlohmannParseAndGet);
+BENCHMARK(BM_JSONDecode_NlohmannParseAndGet)->Arg(1024)->Arg(1'000'000);
 
 void BM_JSONDecode_JSONDeserializer(benchmark::State& state) {
-    const auto& document = megabyteDocument();
-    kel::Data data(document.begin(), document.end());
+    const auto& text = document(state.range(0));
+    kel::Data data(text.begin(), text.end());
     for (auto _ : state) {
         benchmark::DoNotOptimize(kel::JSONDeserializer<Feed>().deserialize(data));
     }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(document.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
-BENCHMARK(BM_JSONDecode_JSONDeserializer);
+BENCHMARK(BM_JSONDecode_JSONDeserializer)->Arg(1024)->Arg(1'000'000);
 
 }  // namespace

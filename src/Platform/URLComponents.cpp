@@ -179,11 +179,9 @@ std::optional<URL> URLComponents::url() const {
     if (fragment_) {
         text += '#' + *fragment_;
     }
-    CurlURL handle(curl_url(), &curl_url_cleanup);
-    if (!handle || curl_url_set(handle.get(), CURLUPART_URL, text.c_str(),
-                                CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
-        return std::nullopt;
-    }
+    // No second parse: every part but the query is as libcurl split it from an accepted URL,
+    // and setQueryItems writes only characters a query may hold, so libcurl accepts the
+    // result as it accepted the original.
     return URL::fromString(text);
 }
 

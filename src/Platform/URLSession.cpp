@@ -163,15 +163,27 @@ class URLSessionCore {
         Date resumeDate;
     };
 
+    // An easy handle with the parsed form of the URL it last fetched. A handle taken again
+    // for the same URL text (the common case: a client polling one endpoint) keeps that
+    // parse instead of parsing the text again; libcurl copies the parsed URL per transfer and
+    // leaves this one as it is. Owned by the I/O thread.
+    struct EasyHandle {
+        CURL* easy = nullptr;
+        CURLU* url = nullptr;
+        std::string urlText;
+    };
+
     // One transfer in flight; owned by the I/O thread.
     struct Transfer {
         std::shared_ptr<URLSessionTask> task;
-        CURL* easy = nullptr;
-        CURLU* url = nullptr;
+        EasyHandle handle;
         curl_slist* headers = nullptr;
         Date resumeDate;
         std::chrono::duration<double> idleTimeout{0.0};
         SteadyClock::time_point deadline;
+        // Set by the header and body callbacks; the loop moves the deadline forward once per
+        // pass rather than reading the clock in every callback.
+        bool progressed = false;
         Data body;
         HTTPURLResponse::HeaderFields responseHeaders;
     };
@@ -257,7 +269,7 @@ class URLSessionCore {
 
     // I/O thread only.
     std::vector<std::unique_ptr<Transfer>> transfers_;
-    std::vector<CURL*> idleEasyHandles_;
+    std::vector<EasyHandle> idleEasyHandles_;
 };
 
 void URLSessionCore::run() {
@@ -311,6 +323,11 @@ void URLSessionCore::run() {
         auto nextDeadline = now + std::chrono::seconds(1);
         for (std::size_t i = 0; i < transfers_.size();) {
             Transfer& transfer = *transfers_[i];
+            if (transfer.progressed) {
+                transfer.progressed = false;
+                transfer.deadline =
+                    now + std::chrono::duration_cast<SteadyClock::duration>(transfer.idleTimeout);
+            }
             if (transfer.deadline <= now) {
                 finish(transfer, CURLE_OK, URLError::timedOut);
                 continue;  // finish removed transfers_[i]
@@ -343,8 +360,9 @@ void URLSessionCore::run() {
                  makeError(URLError::make(URLError::cancelled, requestURL(*request.task))),
                  nullptr);
     }
-    for (CURL* easy : idleEasyHandles_) {
-        curl_easy_cleanup(easy);
+    for (EasyHandle& handle : idleEasyHandles_) {
+        curl_easy_cleanup(handle.easy);
+        curl_url_cleanup(handle.url);
     }
     idleEasyHandles_.clear();
     curl_multi_cleanup(multi);
@@ -361,29 +379,37 @@ void URLSessionCore::start(Request& request) {
         fail(URLError::unsupportedURL);
         return;
     }
-    CURLU* url = curl_url();
-    if (url == nullptr ||
-        curl_url_set(url, CURLUPART_URL, urlRequest.url()->absoluteString().c_str(),
-                     CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
-        curl_url_cleanup(url);
-        fail(URLError::badURL);
-        return;
-    }
-    char* host = nullptr;
-    bool invalidHost = curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
-                       host != nullptr && isInvalidTLD(host);
-    curl_free(host);
-    if (invalidHost) {
-        curl_url_cleanup(url);
-        fail(URLError::cannotFindHost);
-        return;
+    // The handle taken below is the most recently released one; when it last fetched this
+    // very URL text, its parse (already checked below) is used again.
+    const std::string& urlText = urlRequest.url()->absoluteString();
+    CURLU* parsed = nullptr;
+    bool sameURL = !idleEasyHandles_.empty() && idleEasyHandles_.back().url != nullptr &&
+                   idleEasyHandles_.back().urlText == urlText;
+    if (!sameURL) {
+        parsed = curl_url();
+        if (parsed == nullptr || curl_url_set(parsed, CURLUPART_URL, urlText.c_str(),
+                                              CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+            curl_url_cleanup(parsed);
+            fail(URLError::badURL);
+            return;
+        }
+        char* host = nullptr;
+        bool invalidHost = curl_url_get(parsed, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
+                           host != nullptr && isInvalidTLD(host);
+        curl_free(host);
+        if (invalidHost) {
+            curl_url_cleanup(parsed);
+            fail(URLError::cannotFindHost);
+            return;
+        }
     }
 
     // Options that every transfer shares are set once per easy handle; a reused handle only
     // has the per-request ones cleared (method, header list).
-    CURL* easy = nullptr;
+    EasyHandle handle;
     if (idleEasyHandles_.empty()) {
-        easy = curl_easy_init();
+        handle.easy = curl_easy_init();
+        CURL* easy = handle.easy;
         KEL_PRECONDITION(easy != nullptr, "curl_easy_init failed");
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &URLSessionCore::onBody);
@@ -394,18 +420,25 @@ void URLSessionCore::start(Request& request) {
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS,
                          static_cast<long>(configuration_.timeoutIntervalForResource * 1000));
     } else {
-        easy = idleEasyHandles_.back();
+        handle = std::move(idleEasyHandles_.back());
         idleEasyHandles_.pop_back();
+        CURL* easy = handle.easy;
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
         curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
         curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
     }
 
+    if (!sameURL) {
+        curl_url_cleanup(handle.url);
+        handle.url = parsed;
+        handle.urlText = urlText;
+    }
+    CURL* easy = handle.easy;
+
     auto transfer = std::make_unique<Transfer>();
     transfer->task = std::move(request.task);
-    transfer->easy = easy;
-    transfer->url = url;
+    transfer->handle = std::move(handle);
     transfer->resumeDate = request.resumeDate;
     double timeout = urlRequest.timeoutInterval();
     if (timeout <= 0 || timeout == URLRequest::defaultTimeoutInterval) {
@@ -426,7 +459,7 @@ void URLSessionCore::start(Request& request) {
         transfer->headers = curl_slist_append(transfer->headers, line.c_str());
     }
 
-    curl_easy_setopt(easy, CURLOPT_CURLU, url);
+    curl_easy_setopt(easy, CURLOPT_CURLU, transfer->handle.url);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
@@ -454,10 +487,20 @@ std::size_t URLSessionCore::onBody(char* bytes, std::size_t size, std::size_t co
                                    void* context) {
     auto& transfer = *static_cast<Transfer*>(context);
     std::size_t length = size * count;
+    if (transfer.body.capacity() == 0) {
+        // The announced length, when there is one, sizes the buffer once. It is only a hint
+        // (a compressed body decodes to more bytes, a server may lie), so it is capped.
+        constexpr curl_off_t maximumReservation = 16 * 1024 * 1024;
+        curl_off_t announced = -1;
+        curl_easy_getinfo(transfer.handle.easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+        if (announced > 0) {
+            transfer.body.reserve(
+                static_cast<std::size_t>(std::min(announced, maximumReservation)));
+        }
+    }
     transfer.body.insert(transfer.body.end(), reinterpret_cast<std::uint8_t*>(bytes),
                          reinterpret_cast<std::uint8_t*>(bytes) + length);
-    transfer.deadline = SteadyClock::now() +
-                        std::chrono::duration_cast<SteadyClock::duration>(transfer.idleTimeout);
+    transfer.progressed = true;
     return length;
 }
 
@@ -480,8 +523,7 @@ std::size_t URLSessionCore::onHeader(char* bytes, std::size_t size, std::size_t 
         transfer.responseHeaders.emplace_back(std::string(line.substr(0, colon)),
                                               std::string(value));
     }
-    transfer.deadline = SteadyClock::now() +
-                        std::chrono::duration_cast<SteadyClock::duration>(transfer.idleTimeout);
+    transfer.progressed = true;
     return length;
 }
 
@@ -493,15 +535,15 @@ std::shared_ptr<const URLSessionTaskMetrics> URLSessionCore::metricsOf(const Tra
     Date end = std::chrono::system_clock::now();
     curl_off_t lookup = 0, connect = 0, tls = 0, pretransfer = 0, firstByte = 0, total = 0;
     long connects = 0, redirects = 0, version = 0;
-    curl_easy_getinfo(transfer.easy, CURLINFO_NAMELOOKUP_TIME_T, &lookup);
-    curl_easy_getinfo(transfer.easy, CURLINFO_CONNECT_TIME_T, &connect);
-    curl_easy_getinfo(transfer.easy, CURLINFO_APPCONNECT_TIME_T, &tls);
-    curl_easy_getinfo(transfer.easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
-    curl_easy_getinfo(transfer.easy, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
-    curl_easy_getinfo(transfer.easy, CURLINFO_TOTAL_TIME_T, &total);
-    curl_easy_getinfo(transfer.easy, CURLINFO_NUM_CONNECTS, &connects);
-    curl_easy_getinfo(transfer.easy, CURLINFO_REDIRECT_COUNT, &redirects);
-    curl_easy_getinfo(transfer.easy, CURLINFO_HTTP_VERSION, &version);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_NAMELOOKUP_TIME_T, &lookup);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_CONNECT_TIME_T, &connect);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_APPCONNECT_TIME_T, &tls);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_TOTAL_TIME_T, &total);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_NUM_CONNECTS, &connects);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_REDIRECT_COUNT, &redirects);
+    curl_easy_getinfo(transfer.handle.easy, CURLINFO_HTTP_VERSION, &version);
 
     auto metrics = std::make_shared<URLSessionTaskMetrics>();
     // libcurl's times count from the start of its transfer; total is taken at its end, now.
@@ -540,7 +582,7 @@ std::shared_ptr<const URLSessionTaskMetrics> URLSessionCore::metricsOf(const Tra
 
 void URLSessionCore::finish(Transfer& transfer, CURLcode code,
                             std::optional<URLError::Code> ownError) {
-    curl_multi_remove_handle(multi_, transfer.easy);
+    curl_multi_remove_handle(multi_, transfer.handle.easy);
     auto metrics = metricsOf(transfer, code);
     std::optional<Data> data;
     std::shared_ptr<const URLResponse> response;
@@ -552,9 +594,9 @@ void URLSessionCore::finish(Transfer& transfer, CURLcode code,
         long status = 0;
         char* effectiveURL = nullptr;
         curl_off_t length = -1;
-        curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
-        curl_easy_getinfo(transfer.easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
-        curl_easy_getinfo(transfer.easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+        curl_easy_getinfo(transfer.handle.easy, CURLINFO_RESPONSE_CODE, &status);
+        curl_easy_getinfo(transfer.handle.easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
+        curl_easy_getinfo(transfer.handle.easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
         auto finalURL = effectiveURL != nullptr ? URL::fromString(effectiveURL) : std::nullopt;
         if (status > 0) {
             response = std::make_shared<HTTPURLResponse>(
@@ -573,9 +615,7 @@ void URLSessionCore::finish(Transfer& transfer, CURLcode code,
 
 void URLSessionCore::release(Transfer& transfer) {
     curl_slist_free_all(transfer.headers);
-    idleEasyHandles_.push_back(transfer.easy);
-    curl_easy_setopt(transfer.easy, CURLOPT_CURLU, nullptr);
-    curl_url_cleanup(transfer.url);
+    idleEasyHandles_.push_back(std::move(transfer.handle));
     auto it = std::find_if(transfers_.begin(), transfers_.end(),
                            [&](const auto& t) { return t.get() == &transfer; });
     transfers_.erase(it);

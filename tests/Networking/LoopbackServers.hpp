@@ -67,7 +67,8 @@ class HTTPServer {
 
 class FaultServer {
   public:
-    enum class Action { stall, closeMidBody, closeWithoutReply, respond };
+    // trickle answers "abcd" one byte every 150 ms, blocking the server meanwhile.
+    enum class Action { stall, closeMidBody, closeWithoutReply, respond, trickle };
     using Script = std::function<Action(int requestIndex)>;
 
     explicit FaultServer(Script script, std::string body = "{}")
@@ -162,6 +163,14 @@ class FaultServer {
                 reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
                         std::to_string(body_.size()) + "\r\n\r\n" + body_;
                 break;
+            case Action::trickle:
+                reply = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n";
+                (void)::write(fd, reply.data(), reply.size());
+                for (char byte : std::string("abcd")) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+                    (void)::write(fd, &byte, 1);
+                }
+                return true;
         }
         (void)::write(fd, reply.data(), reply.size());
         return action == Action::respond;

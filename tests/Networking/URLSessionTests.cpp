@@ -82,7 +82,8 @@ TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
     EXPECT_EQ(loaded.response->asHTTP()->valueForHTTPHeaderField("x-echo"), "a,b|2|demo");
     EXPECT_EQ(loaded.metrics, nullptr) << "timing data is off by default";
 
-    // Easy handles are reused: a POST's method and body must not leak into the next GET.
+    // Easy handles are reused, with the URL they last parsed: a POST's method and body must not
+    // leak into the next GET (same URL), nor that URL into the request after it (/missing).
     auto post = request(http.url("/echo"));
     post.setHTTPMethod("POST");
     post.setHTTPBody(kel::Data{'h', 'i'});
@@ -145,6 +146,12 @@ TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
                   ->userInfo()
                   .at(kel::URLError::failingURLStringKey),
               stalled.url("/"));
+    // The time-out is an idle one: bytes arriving more often than it keep a transfer going
+    // however long it takes in all (here 0.6 s against 0.4 s).
+    FaultServer trickle([](int) { return FaultServer::Action::trickle; });
+    auto slow = load(*session, request(trickle.url("/"), 0.4));
+    EXPECT_FALSE(slow.error) << kel::errorDescription(slow.error);
+    EXPECT_EQ(slow.body(), "abcd");
     EXPECT_EQ(load(*session, request(cut.url("/"))).urlError(),
               kel::URLError::networkConnectionLost);
     EXPECT_EQ(load(*session, request(silent.url("/"))).urlError(),

@@ -38,7 +38,7 @@ class URLComponents {
     std::optional<std::vector<URLQueryItem>> queryItems() const;
     void setQueryItems(const std::optional<std::vector<URLQueryItem>>& items);
 
-    // The parts put together; none when the result is not a URL libcurl accepts.
+    // The parts put together; none when the text holds a character a URL may not (see URL).
     std::optional<URL> url() const;
 
   private:
