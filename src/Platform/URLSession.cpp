@@ -19,8 +19,9 @@
 //   CURLE_BAD_CONTENT_ENCODING                                         -> cannotDecodeContentData
 //   CURLE_FILESIZE_EXCEEDED                                            -> dataLengthExceedsMaximum
 //   CURLE_SSL_CONNECT_ERROR                                            -> secureConnectionFailed
-//   CURLE_PEER_FAILED_VERIFICATION                                     ->
-//   serverCertificateUntrusted cancel() and session teardown -> cancelled anything else -> unknown
+//   CURLE_PEER_FAILED_VERIFICATION                          -> serverCertificateUntrusted
+//   cancel() and session teardown                           -> cancelled
+//   anything else                                           -> unknown
 #include "kel/Platform/URLSession.hpp"
 
 #include <curl/curl.h>
