@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,6 +68,11 @@ TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
     http.server().Post("/echo", echo);
     http.server().Get("/missing",
                       [](const httplib::Request&, httplib::Response& res) { res.status = 404; });
+    std::atomic<int> movedHits{0};
+    http.server().Get("/moved", [&](const httplib::Request&, httplib::Response& res) {
+        ++movedHits;
+        res.set_redirect("/echo");
+    });
     http.start();
     auto configuration = kel::URLSessionConfiguration::defaultSessionConfiguration();
     configuration.httpAdditionalHeaders = {{"X-App", "demo"}, {"X-Token", "not sent"}};
@@ -94,6 +100,15 @@ TEST(URLSessionLoading, GetDeliversStatusHeadersBodyAndSentHeaders) {
     EXPECT_FALSE(missing.error);
     EXPECT_FALSE(missing.data) << "an empty body is no data";
     EXPECT_EQ(missing.status(), 404);
+
+    // A redirect is followed; following it must not change the URL the handle keeps for the
+    // next request to the same address.
+    for (int i = 0; i < 2; ++i) {
+        auto moved = load(*session, request(http.url("/moved")));
+        EXPECT_EQ(moved.body(), "GET ");
+        EXPECT_EQ(moved.response->url()->absoluteString(), http.url("/echo"));
+    }
+    EXPECT_EQ(movedHits.load(), 2);
 }
 
 TEST(URLSessionLoading, ReusesTheConnectionAndReportsTimings) {
