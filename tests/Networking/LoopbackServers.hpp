@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-namespace kel::testing {
+namespace kel::test {
 
 class HTTPServer {
   public:
@@ -212,4 +212,4 @@ class Outcomes {
     std::vector<Outcome> outcomes_;
 };
 
-}  // namespace kel::testing
+}  // namespace kel::test

@@ -54,7 +54,7 @@ class MessageCatalogFiles : public ::testing::Test {
         return kel::MessageCatalog::open(file);
     }
 
-    kel::testing::ScratchDirectory directory_;
+    kel::test::ScratchDirectory directory_;
 };
 
 TEST_F(MessageCatalogFiles, ReadsSingularAndPluralEntriesInEitherByteOrder) {
