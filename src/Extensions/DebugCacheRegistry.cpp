@@ -3,6 +3,8 @@
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/Log.hpp"
 
+#include "../Platform/ASCII.hpp"
+
 #include <optional>
 #include <system_error>
 
@@ -12,38 +14,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool isUnreservedInPath(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~' || c == '/';
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    if (text.size() < prefix.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < prefix.size(); ++i) {
-        char c = text[i];
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-        if (c != prefix[i]) {
-            return false;
-        }
-    }
-    return true;
+bool isUnreservedInPath(unsigned char byte) {
+    const auto c = static_cast<char>(byte);
+    return detail::isAsciiLetter(c) || detail::isAsciiDigit(c) || c == '-' || c == '.' ||
+           c == '_' || c == '~' || c == '/';
 }
 
 // Removes the item at the URL, a directory with its contents. Returns the failure's text.
@@ -73,54 +47,31 @@ std::string DebugCacheRegistry::fileURL(const fs::path& path) {
     std::error_code error;
     fs::path absolute = fs::absolute(path, error);
     const std::string& text = error ? path.native() : absolute.native();
-    static constexpr char hexDigits[] = "0123456789ABCDEF";
     std::string url = "file://";
-    url.reserve(url.size() + text.size());
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        if (isUnreservedInPath(byte)) {
-            url += c;
-        } else {
-            url += '%';
-            url += hexDigits[byte >> 4];
-            url += hexDigits[byte & 0x0F];
-        }
-    }
+    detail::appendPercentEncoded(url, text, isUnreservedInPath);
     return url;
 }
 
 std::optional<fs::path> DebugCacheRegistry::filePath(std::string_view url) {
-    if (!startsWithIgnoringCase(url, "file://")) {
+    if (!detail::startsWithIgnoringCase(url, "file://")) {
         return std::nullopt;
     }
     std::string_view rest = url.substr(7);
-    if (startsWithIgnoringCase(rest, "localhost/")) {
+    if (detail::startsWithIgnoringCase(rest, "localhost/")) {
         rest.remove_prefix(9);
     }
     if (rest.empty() || rest.front() != '/') {
         return std::nullopt;
     }
     rest = rest.substr(0, rest.find_first_of("?#"));
-    std::string decoded;
-    decoded.reserve(rest.size());
-    for (std::size_t i = 0; i < rest.size(); ++i) {
-        if (rest[i] == '%' && i + 2 < rest.size() && hexValue(rest[i + 1]) >= 0 &&
-            hexValue(rest[i + 2]) >= 0) {
-            int byte = hexValue(rest[i + 1]) * 16 + hexValue(rest[i + 2]);
-            if (byte == 0) {
-                return std::nullopt;  // no file name holds a NUL byte
-            }
-            decoded += static_cast<char>(byte);
-            i += 2;
-        } else if (rest[i] == '\0') {
-            // A raw NUL would end the path early in every system call: "dir\0/cache.bin"
-            // would name "dir" itself.
-            return std::nullopt;
-        } else {
-            decoded += rest[i];
-        }
+    // A malformed escape stands for itself, as a "%" in a file name would.
+    std::optional<std::string> decoded = detail::percentDecode(rest, detail::MalformedEscape::keep);
+    // A NUL byte, raw or "%00", would end the path early in every system call: "dir\0/cache.bin"
+    // would name "dir" itself; and no file name holds one.
+    if (!decoded || decoded->find('\0') != std::string::npos) {
+        return std::nullopt;
     }
-    return fs::path(std::move(decoded));
+    return fs::path(std::move(*decoded));
 }
 
 void DebugCacheRegistry::registerFile(const fs::path& path) {

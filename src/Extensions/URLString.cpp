@@ -1,20 +1,16 @@
 #include "kel/Extensions/URLString.hpp"
 
+#include "../Platform/ASCII.hpp"
+
 #include <algorithm>
 
 namespace kel {
 
 namespace {
 
-constexpr bool isAsciiLetter(char c) noexcept {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-constexpr bool isAsciiDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
-constexpr char asciiLower(char c) noexcept {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
+using detail::isAsciiDigit;
+using detail::isAsciiLetter;
+
 constexpr bool isSpaceOrControl(char c) noexcept {
     const auto byte = static_cast<unsigned char>(c);
     return byte <= 0x20 || byte == 0x7F;
@@ -39,8 +35,7 @@ std::optional<std::string_view> urlScheme(std::string_view text) noexcept {
 
 bool hasScheme(std::string_view text, std::string_view scheme) noexcept {
     const auto actual = urlScheme(text);
-    return actual && std::equal(actual->begin(), actual->end(), scheme.begin(), scheme.end(),
-                                [](char a, char b) { return asciiLower(a) == asciiLower(b); });
+    return actual && detail::equalsIgnoringCase(*actual, scheme);
 }
 
 bool isWebURL(std::string_view text) noexcept {

@@ -1,5 +1,7 @@
 #include "kel/Platform/Log.hpp"
 
+#include "ASCII.hpp"
+
 #include <syslog.h>
 
 #include <charconv>
@@ -18,9 +20,10 @@ std::string formatDouble(double number, std::chars_format format) {
     return error == std::errc() ? std::string(buffer, end) : std::string();
 }
 
-std::string formatNumber(const char* conversion, const LogArgument::Value& value) {
-    const std::string_view kind = conversion;
-    if (kind == "f") {
+// The text of a numeric conversion: "%f" prints fixed-point; "%d", "%i" and "%u" print an
+// integer (a double's integral part).
+std::string formatNumber(char conversion, const LogArgument::Value& value) {
+    if (conversion == 'f') {
         double number = std::visit(
             [](const auto& v) -> double {
                 if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::string>) {
@@ -79,10 +82,9 @@ void appendEscaped(std::string& out, std::string_view text) {
         } else if (c == '\t') {
             out += "\\t";
         } else {
-            static constexpr char digits[] = "0123456789abcdef";
             out += "\\x";
-            out += digits[byte >> 4];
-            out += digits[byte & 0xf];
+            out += detail::hexDigit(byte >> 4, detail::HexCase::lower);
+            out += detail::hexDigit(byte, detail::HexCase::lower);
         }
     }
 }
@@ -151,7 +153,7 @@ std::string renderLogMessage(std::string_view format, const std::vector<LogArgum
         if (redactPrivate && isPrivate) {
             out += "<private>";
         } else if (kind == 'd' || kind == 'i' || kind == 'u' || kind == 'f') {
-            appendEscaped(out, formatNumber(kind == 'f' ? "f" : "d", argument.value()));
+            appendEscaped(out, formatNumber(kind, argument.value()));
         } else {
             appendEscaped(out, argument.text());
         }

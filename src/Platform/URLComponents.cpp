@@ -1,5 +1,7 @@
 #include "kel/Platform/URLComponents.hpp"
 
+#include "ASCII.hpp"
+
 #include <curl/curl.h>
 
 #include <charconv>
@@ -23,58 +25,20 @@ std::optional<std::string> part(CURLU* handle, CURLUPart which) {
     return value;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 std::string percentEncodeQueryComponent(std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
     std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        bool unreserved = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                          (c >= '0' && c <= '9') ||
-                          (byte != 0 && std::strchr("-._~!$'()*,/:;?@", c));
-        if (unreserved) {
-            out += c;
-        } else {
-            out += '%';
-            out += hex[byte >> 4];
-            out += hex[byte & 0xF];
-        }
-    }
+    detail::appendPercentEncoded(out, text, [](unsigned char byte) {
+        return detail::isAsciiLetter(static_cast<char>(byte)) ||
+               detail::isAsciiDigit(static_cast<char>(byte)) ||
+               (byte != 0 && std::strchr("-._~!$'()*,/:;?@", byte));
+    });
     return out;
 }
 
 std::optional<std::string> percentDecode(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out += text[i];
-            continue;
-        }
-        if (i + 2 >= text.size()) {
-            return std::nullopt;
-        }
-        int high = hexValue(text[i + 1]);
-        int low = hexValue(text[i + 2]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        out += static_cast<char>(high * 16 + low);
-        i += 2;
-    }
-    return out;
+    return detail::percentDecode(text, detail::MalformedEscape::reject);
 }
 
 std::optional<URLComponents> URLComponents::make(const URL& url) {

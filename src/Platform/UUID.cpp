@@ -2,27 +2,15 @@
 
 #include "kel/Platform/SecureRandom.hpp"
 
+#include "ASCII.hpp"
+
 namespace kel {
 
 namespace {
 
-constexpr char hexDigits[] = "0123456789ABCDEF";
 // Positions of the hyphens in the 36-character text.
 constexpr bool isHyphenPosition(std::size_t i) {
     return i == 8 || i == 13 || i == 18 || i == 23;
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return -1;
 }
 
 }  // namespace
@@ -47,8 +35,8 @@ std::optional<UUID> UUID::fromString(std::string_view text) {
             ++i;
             continue;
         }
-        int high = hexValue(text[i]);
-        int low = hexValue(text[i + 1]);
+        int high = detail::hexValue(text[i]);
+        int low = detail::hexValue(text[i + 1]);
         if (high < 0 || low < 0) {
             return std::nullopt;
         }
@@ -65,8 +53,8 @@ std::string UUID::uuidString() const {
         if (i == 4 || i == 6 || i == 8 || i == 10) {
             text.push_back('-');
         }
-        text.push_back(hexDigits[bytes_[i] >> 4]);
-        text.push_back(hexDigits[bytes_[i] & 0x0F]);
+        text.push_back(detail::hexDigit(bytes_[i] >> 4));
+        text.push_back(detail::hexDigit(bytes_[i]));
     }
     return text;
 }

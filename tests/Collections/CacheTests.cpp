@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Watchdog.hpp"
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -101,7 +103,7 @@ struct LockProbe {
             takeLock();
             done->set_value();
         }).detach();
-        if (through.wait_for(10s) != std::future_status::ready) {
+        if (through.wait_for(kel::test::kWatchdogTimeout) != std::future_status::ready) {
             ++copiesUnderLock;
         }
     }

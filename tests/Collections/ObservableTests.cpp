@@ -90,7 +90,7 @@ TEST(ObservableTest, RegistrationAndNextFromInsideAnObserver) {
 }
 
 // Off the main thread reads and writes go through the lock: readers never see a torn value.
-TEST(ObservableTest, BackgroundReadersAndWriter) {
+TEST(ObservableTest, BackgroundReadersNeverSeeATornValue) {
     auto text = Observable<std::string>::make(std::string(64, 'a'));
     std::atomic<bool> done = false;
     std::atomic<int> torn = 0;

@@ -7,12 +7,12 @@
 #include <thread>
 #include <vector>
 
-#include "SchedulerTestSupport.hpp"
+#include "Watchdog.hpp"
 #include "kel/Promises/DeferredPromise.hpp"
 
 namespace {
 
-using kel::schedulertest::drainMainQueue;
+using kel::test::drainMainQueue;
 
 struct ImageView {
     std::vector<std::string> shown;  // main thread only

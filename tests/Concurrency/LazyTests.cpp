@@ -1,8 +1,9 @@
 #include "kel/Concurrency/EventLoadedLazy.hpp"
 #include "kel/Concurrency/Lazy.hpp"
-#include "kel/Platform/RunLoop.hpp"
 
 #include <gtest/gtest.h>
+
+#include "Watchdog.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -15,15 +16,10 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using kel::EventLoadedLazy;
 using kel::Lazy;
 using kel::LazyOptions;
-using kel::RunLoop;
-
-bool pumpUntil(const std::function<bool()>& done) {
-    return RunLoop::runUntil(done, 10s);
-}
+using kel::test::pumpUntil;
 
 // Many readers at once, plus onLoad before and after: one load, one stored value, every reader
 // and every onLoad block sees it; loadedValue never loads.

@@ -54,12 +54,12 @@ void checkExclusion(L& lock) {
     EXPECT_EQ(counter, std::uint64_t{threadCount} * rounds);
 }
 
-TEST(LockExclusion, UnfairLock) {
+TEST(LockExclusion, UnfairLockAdmitsOneHolderAtATime) {
     UnfairLock lock(UnfairLock::Options::dataSynchronization);
     checkExclusion(lock);
 }
 
-TEST(LockExclusion, MutexLock) {
+TEST(LockExclusion, MutexLockAdmitsOneHolderAtATime) {
     kel::MutexLock lock;
     checkExclusion(lock);
 }

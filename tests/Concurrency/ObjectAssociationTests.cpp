@@ -72,7 +72,7 @@ TEST(ObjectAssociationTest, PoliciesForSharedObjects) {
 
 // Threads writing and reading their own associations on one fresh object: the slot is made once
 // and no value is lost.
-TEST(ObjectAssociationTest, ConcurrentFirstWrites) {
+TEST(ObjectAssociationTest, ConcurrentFirstWritesMakeOneSlotAndLoseNoValue) {
     const ObjectAssociation<int> associations[4] = {
         ObjectAssociation<int>(AssociationPolicy::strong),
         ObjectAssociation<int>(AssociationPolicy::strong),

@@ -5,13 +5,13 @@
 #include <memory>
 #include <stdexcept>
 
-#include "SchedulerTestSupport.hpp"
+#include "Watchdog.hpp"
 #include "kel/Promises/DeferredPromise.hpp"
 
 namespace {
 
-using kel::schedulertest::drainMainQueue;
-using kel::schedulertest::pumpUntil;
+using kel::test::drainMainQueue;
+using kel::test::pumpUntil;
 
 bool isSettled(const kel::Promise<void>& promise) {
     return promise.resolution().has_value();
@@ -42,7 +42,7 @@ TEST(SynchronizerJobs, ResultsWaitOnTheQueueUntilEveryOverlappingJobHasSettled) 
     drainMainQueue();
     EXPECT_FALSE(isSettled(secondResult)) << "fulfilled while the first job ran";
     first.resolve();
-    pumpUntil([&] { return isSettled(firstResult) && isSettled(secondResult); });
+    ASSERT_TRUE(pumpUntil([&] { return isSettled(firstResult) && isSettled(secondResult); }));
     EXPECT_TRUE(onMain);
     drainMainQueue();
     EXPECT_FALSE(isSettled(failedResult));

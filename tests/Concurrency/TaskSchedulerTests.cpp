@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "Watchdog.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 
 namespace {
@@ -25,7 +26,7 @@ struct Gate {
     Gate() { group.enter(); }
     void open() const { group.leave(); }
     void wait() const {
-        if (!group.wait(kel::DispatchTime::now() + 20.0)) {
+        if (!group.wait(kel::test::watchdogDeadline())) {
             ADD_FAILURE() << "gate not opened in time";
             std::abort();
         }
@@ -212,7 +213,7 @@ TEST(TaskSchedulerShared, ClassWideFormsActOnTheSharedScheduler) {
     auto operation = std::make_shared<ManualOperation>();
     auto promise = kel::TaskScheduler::sharedPromise(operation);
     operation->finish(Result<int>::success(3));
-    ASSERT_TRUE(ran.wait(kel::DispatchTime::now() + 20.0));
+    ASSERT_TRUE(ran.wait(kel::test::watchdogDeadline()));
     EXPECT_EQ(onSharedQueues, 3);
     EXPECT_TRUE(serialRan);
     EXPECT_EQ(promise.value(), 3);

@@ -8,7 +8,7 @@
 
 #include "ContainerTestSupport.hpp"
 
-namespace kel::testing {
+namespace kel::test {
 namespace {
 
 using ServicePtr = std::shared_ptr<Service>;
@@ -185,4 +185,4 @@ TEST(ContextOverrides, NewestOverridesWinAndTheCallbackStoreIsShared) {
 }
 
 }  // namespace
-}  // namespace kel::testing
+}  // namespace kel::test

@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-namespace kel::testing {
+namespace kel::test {
 
 struct Service : Object {
     explicit Service(std::string label = {}) : label(std::move(label)) {}
@@ -40,4 +40,4 @@ struct ContainerWorld {
     }
 };
 
-}  // namespace kel::testing
+}  // namespace kel::test

@@ -10,7 +10,7 @@
 
 #include "ContainerTestSupport.hpp"
 
-namespace kel::testing {
+namespace kel::test {
 namespace {
 
 using ServicePtr = std::shared_ptr<Service>;
@@ -21,7 +21,7 @@ TEST(ContainerKey, TypeAndNameFormTheKey) {
     EXPECT_EQ(toKey<int>("a"), toKey<int>(std::string("a")));
     EXPECT_EQ(std::hash<Key>{}(toKey<int>("a")), std::hash<Key>{}(toKey<int>("a")));
     EXPECT_EQ(toKey<ServicePtr>("x").description(),
-              "std::shared_ptr<kel::testing::Service> (name: \"x\")");
+              "std::shared_ptr<kel::test::Service> (name: \"x\")");
 }
 
 TEST(ContainerRegistration, LastRegistrationWinsAndLateOnesAreIndexedAtTheNextResolution) {
@@ -287,8 +287,8 @@ TEST_F(ContainerDeathTest, FailedConfigurationCastNamesBothTypes) {
             [](const ResolverType&) { return std::make_shared<Other>(); })
         .thenConfigure<ServicePtr>([](ServicePtr, const ResolverType&) {});
     EXPECT_DEATH(world.resolver.resolve<std::shared_ptr<Object>>(),
-                 "provided input cannot be cast\\. inputType=kel::testing::Other, "
-                 "castType=kel::testing::Service");
+                 "provided input cannot be cast\\. inputType=kel::test::Other, "
+                 "castType=kel::test::Service");
 }
 
 TEST_F(ContainerDeathTest, FactoryCycleNamesTheChainOfKeys) {
@@ -303,8 +303,8 @@ TEST_F(ContainerDeathTest, FactoryCycleNamesTheChainOfKeys) {
     });
     EXPECT_DEATH(
         world.resolver.resolve<ServicePtr>(),
-        "factory cycle while resolving: std::shared_ptr<kel::testing::Service> -> "
-        "std::shared_ptr<kel::testing::Dependency> -> std::shared_ptr<kel::testing::Service>");
+        "factory cycle while resolving: std::shared_ptr<kel::test::Service> -> "
+        "std::shared_ptr<kel::test::Dependency> -> std::shared_ptr<kel::test::Service>");
 }
 
 TEST_F(ContainerDeathTest, PoolDepthBelowZeroAndUnexpectedTraitStopTheProcess) {
@@ -316,4 +316,4 @@ TEST_F(ContainerDeathTest, PoolDepthBelowZeroAndUnexpectedTraitStopTheProcess) {
 }
 
 }  // namespace
-}  // namespace kel::testing
+}  // namespace kel::test

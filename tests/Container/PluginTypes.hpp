@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace kel::testing {
+namespace kel::test {
 
 // Registered by the test binary, resolved inside the plugin.
 struct PluginGreeting : Object {
@@ -24,4 +24,4 @@ using PluginResolveGreeting = bool (*)(const ProxyResolver* resolver, std::strin
 using PluginRegisterService = void (*)(const std::shared_ptr<Container>* container);
 using PluginTypeWord = std::uintptr_t (*)();
 
-}  // namespace kel::testing
+}  // namespace kel::test

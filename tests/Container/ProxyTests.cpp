@@ -14,7 +14,7 @@
 #include "ContainerTestSupport.hpp"
 #include "PluginTypes.hpp"
 
-namespace kel::testing {
+namespace kel::test {
 namespace {
 
 using ServicePtr = std::shared_ptr<Service>;
@@ -132,9 +132,9 @@ TEST(ProxyExplain, DescribesTheLookupWithoutChangingIt) {
 
     using ::testing::HasSubstr;
     const std::string text = world.resolver.explain<ServicePtr>("casual");
-    EXPECT_THAT(text, HasSubstr("resolving std::shared_ptr<kel::testing::Service> (name: "
+    EXPECT_THAT(text, HasSubstr("resolving std::shared_ptr<kel::test::Service> (name: "
                                 "\"casual\")"));
-    EXPECT_THAT(text, HasSubstr("bridged resolver: asked with key \"kel::testing::Service\""));
+    EXPECT_THAT(text, HasSubstr("bridged resolver: asked with key \"kel::test::Service\""));
     EXPECT_THAT(text, HasSubstr("other registrations of this type: public container: \"formal\"; "
                                 "private container: (no name)"));
     EXPECT_THAT(world.resolver.explain<ServicePtr>("formal"),
@@ -172,4 +172,4 @@ TEST(ContainerKeyAcrossSharedObjects, APluginFindsTheApplicationsRegistrationsAn
 }
 
 }  // namespace
-}  // namespace kel::testing
+}  // namespace kel::test

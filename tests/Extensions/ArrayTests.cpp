@@ -23,7 +23,7 @@ TEST(ArrayRandomElement, EmptyGivesNoneAndEveryElementCanBeChosen) {
     EXPECT_EQ(seen, (std::set<std::string>{"red", "green", "blue"}));
 }
 
-TEST(ArrayNumbers, SumAndAverage) {
+TEST(ArrayNumbers, SumsInTheElementTypeAndAveragesAsDoubles) {
     EXPECT_EQ(kel::sum(std::vector<int>{}), 0);
     EXPECT_EQ(kel::sum(std::vector{1, -2, 3}), 2);
     using std::chrono::seconds;

@@ -63,7 +63,7 @@ class DebugCacheRegistryClear : public ::testing::Test {
         return file;
     }
 
-    kel::testing::ScratchDirectory directory_;
+    kel::test::ScratchDirectory directory_;
     DebugCacheRegistry registry_;
     std::vector<std::string> shown_;
 };

@@ -16,7 +16,7 @@ using Clock = std::chrono::system_clock;
 // Units are counted as calendar differences in a fixed time zone, not rounded totals; under a
 // minute ago and anything in the future is "Now". The medium and long forms name the same unit.
 TEST(RelativeDatePhrases, UnitBoundariesInBothStylesFromTheEnglishCatalogue) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("TZ", "UTC0");
     // The test process never calls setlocale, as many programs do not; gettext(3) would
     // translate nothing here and hand back the keys.

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "../Promises/PromiseTestSupport.hpp"
+#include "PromiseTestSupport.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Log.hpp"
 #include "kel/Promises/WhenError.hpp"
@@ -17,8 +17,8 @@ namespace {
 using kel::BackgroundFetchManager;
 using kel::LogRecord;
 using kel::Promise;
-using kel::testing::makeTestError;
-using kel::testing::pumpUntilSettled;
+using kel::test::makeTestError;
+using kel::test::pumpUntilSettled;
 using Result = kel::BackgroundFetchResult;
 
 // The lines as the system log shows them: public arguments shown, private ones redacted.
@@ -45,7 +45,7 @@ class Worker : public kel::BackgroundFetchWorker {
     }
 
     int calls = 0;
-    kel::testing::Pending<Result> pending;
+    kel::test::Pending<Result> pending;
 
   private:
     std::optional<Result> answer_;
@@ -67,8 +67,8 @@ struct BackgroundFetch : ::testing::Test {
         bool reached = false;
         kel::DispatchQueue::main().asyncAfter(kel::DispatchTime::now() + seconds,
                                               [&reached] { reached = true; });
-        kel::testing::requireSettled(
-            kel::RunLoop::runUntil([&] { return reached; }, kel::testing::kTimeout));
+        kel::test::requireSettled(
+            kel::RunLoop::runUntil([&] { return reached; }, kel::test::kWatchdogTimeout));
     }
 
     std::shared_ptr<kel::CapturingLogSink> capture = std::make_shared<kel::CapturingLogSink>();

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "../Promises/PromiseTestSupport.hpp"
+#include "PromiseTestSupport.hpp"
 #include "kel/Promises/WhenError.hpp"
 
 namespace {
@@ -17,7 +17,7 @@ namespace {
 using kel::Promise;
 using kel::RemoteNotificationManager;
 using kel::RemoteNotificationPattern;
-using kel::testing::await;
+using kel::test::await;
 using nlohmann::json;
 using Result = kel::RemoteNotificationFetchResult;
 
@@ -62,7 +62,7 @@ TEST(RemoteNotificationAnswers, ReducedToOneResult) {
     }
     EXPECT_EQ(await(manager.handleRemoteNotification(json::object())).value(), Result::newData);
 
-    const auto error = kel::testing::makeTestError("handler failed");
+    const auto error = kel::test::makeTestError("handler failed");
     auto failing = std::make_shared<Handler>(Promise<Result>::rejected(error));
     manager.add(failing, RemoteNotificationPattern::any);
     const auto rejection = await(manager.handleRemoteNotification(json::object())).error();

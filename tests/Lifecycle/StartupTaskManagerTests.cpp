@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "../Promises/PromiseTestSupport.hpp"
+#include "PromiseTestSupport.hpp"
 
 namespace {
 
 using kel::Promise;
 using kel::StartupTaskGroup;
 using kel::StartupTaskManager;
-using kel::testing::makeTestError;
+using kel::test::makeTestError;
 
 // A task whose promise the test settles; records its name when run. Without a group it keeps
 // the interface's default one.
@@ -29,7 +29,7 @@ class Task : public kel::StartupTaskType {
         return pending.promise;
     }
 
-    kel::testing::Pending<void> pending;
+    kel::test::Pending<void> pending;
 
   private:
     std::vector<std::string>& runs_;

@@ -12,7 +12,7 @@
 
 namespace {
 
-using kel::testing::Outcomes;
+using kel::test::Outcomes;
 
 struct Quote {
     std::string text;
@@ -57,7 +57,7 @@ std::pair<std::optional<T>, kel::Error> settle(kel::Promise<T> promise) {
 }
 
 TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
-    kel::testing::ScratchDirectory content;
+    kel::test::ScratchDirectory content;
     std::filesystem::create_directories(content / "quotes");
     std::ofstream(content / "quotes/sample.json") << R"({"text":"hi","year":1999})";
     std::ofstream(content / "quotes/broken.json") << R"({"text":)";
@@ -86,12 +86,12 @@ TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
 }
 
 TEST(TestDataLoader, WithoutAContentDirectoryLooksInTheDocumentsFolder) {
-    kel::testing::ScratchDirectory home;
+    kel::test::ScratchDirectory home;
     std::filesystem::create_directories(home / "Docs/TestContent");
     std::filesystem::create_directories(home / "Documents/TestContent");
     std::ofstream(home / "Docs/TestContent/a.json") << "[1]";
     std::ofstream(home / "Documents/TestContent/b.json") << "[2]";
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("HOME", home.path().string()).set("XDG_DOCUMENTS_DIR", "$HOME/Docs");
 
     EXPECT_EQ(kel::TestDataLoader<Fixture>(Fixture{"a"}).filePath(),

@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-namespace kel::testing {
+namespace kel::test {
 
 class HTTPServer {
   public:
@@ -221,4 +221,4 @@ class Outcomes {
     std::vector<Outcome> outcomes_;
 };
 
-}  // namespace kel::testing
+}  // namespace kel::test

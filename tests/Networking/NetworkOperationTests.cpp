@@ -14,9 +14,9 @@
 namespace {
 
 using kel::LogLevel;
-using kel::testing::FaultServer;
-using kel::testing::HTTPServer;
-using kel::testing::Outcomes;
+using kel::test::FaultServer;
+using kel::test::HTTPServer;
+using kel::test::Outcomes;
 using nlohmann::json;
 using Operation = kel::NetworkOperation<kel::JSONDeserializer<json>>;
 using Line = std::pair<LogLevel, std::string>;
@@ -218,7 +218,7 @@ TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
                                              "connection was lost."}));
 
     std::string refused =
-        "http://127.0.0.1:" + std::to_string(kel::testing::closedLoopbackPort()) + "/";
+        "http://127.0.0.1:" + std::to_string(kel::test::closedLoopbackPort()) + "/";
     auto operation =
         std::make_shared<Operation>(url(refused), Operation::Parameters{}, Operation::Headers{},
                                     kel::NetworkProxy::none, patientTimeouts);

@@ -49,8 +49,8 @@ TEST(ProcessInfoValue, FloatingPointTakesTheCSyntaxWhole) {
 TEST(ProcessInfoValue, ParsingIgnoresTheProcessLocale) {
     // A German numeric locale writes "1,5". When the system lacks it, it is generated into a
     // scratch directory (localedef, from the locales package) and found through LOCPATH.
-    kel::testing::ScratchDirectory locales;
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScratchDirectory locales;
+    kel::test::ScopedEnvironment environment;
     if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) {
         std::string command = "localedef -i de_DE -f UTF-8 " + (locales / "de_DE.UTF-8").string() +
                               " >/dev/null 2>&1";
@@ -90,7 +90,7 @@ TEST(ProcessInfo, EnvironmentVariablesAreLookedUpWithTheDash) {
     EXPECT_EQ(info.environmentVariable<std::int64_t>("count"), 2);
     EXPECT_EQ(info.environmentVariable<double>("ratio"), 0.25);
 
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("-kelProcessInfoTest", "42");
     auto process = kel::ProcessInfo::processInfo();
     EXPECT_EQ(process.environmentVariable<std::int64_t>("kelProcessInfoTest"), 42);

@@ -13,9 +13,9 @@
 
 namespace {
 
-using kel::testing::FaultServer;
-using kel::testing::HTTPServer;
-using kel::testing::Outcomes;
+using kel::test::FaultServer;
+using kel::test::HTTPServer;
+using kel::test::Outcomes;
 
 struct Loaded {
     std::optional<kel::Data> data;
@@ -152,7 +152,7 @@ TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
     FaultServer cut([](int) { return FaultServer::Action::closeMidBody; });
     FaultServer silent([](int) { return FaultServer::Action::closeWithoutReply; });
     std::string refused =
-        "http://127.0.0.1:" + std::to_string(kel::testing::closedLoopbackPort()) + "/";
+        "http://127.0.0.1:" + std::to_string(kel::test::closedLoopbackPort()) + "/";
 
     auto timedOut = load(*session, request(stalled.url("/"), 0.2));
     EXPECT_EQ(timedOut.urlError(), kel::URLError::timedOut);

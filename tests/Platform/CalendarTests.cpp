@@ -29,7 +29,7 @@ DateComponents difference(Clock::time_point from, Clock::time_point to) {
 }
 
 TEST(CalendarDifference, LargestUnitFirstWithTheRemainderInSmallerUnits) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("TZ", "UTC0");
     Clock::time_point start = local(2025, 3, 1, 9, 15) + 700ms;
 
@@ -46,7 +46,7 @@ TEST(CalendarDifference, LargestUnitFirstWithTheRemainderInSmallerUnits) {
 }
 
 TEST(CalendarDifference, DaysFollowTheWallClockAcrossDaylightSavingChanges) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     // Central European time as a POSIX rule (no time-zone database needed): summer time from
     // the last Sunday of March to the last Sunday of October, so 29 March 2026 lasts 23 hours
     // and 25 October 2026 lasts 25.
@@ -66,7 +66,7 @@ TEST(CalendarDifference, DaysFollowTheWallClockAcrossDaylightSavingChanges) {
 // When clocks go back, 02:00-03:00 occurs twice; a moment in the first occurrence must not be
 // taken for the second (an hour later) when it is turned back into a moment.
 TEST(CalendarDifference, TheRepeatedAutumnHourKeepsItsOccurrence) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
     // 25 October 2026, 00:30 UTC is 02:30 CEST, the first 02:30 of the day.
     const Clock::time_point firstOccurrence = Clock::from_time_t(1792888200);
@@ -82,7 +82,7 @@ TEST(CalendarDifference, TheRepeatedAutumnHourKeepsItsOccurrence) {
 
 // The extremes of system_clock are moments like any other: no overflow on the way.
 TEST(CalendarDifference, TheClocksExtremesDoNotOverflow) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("TZ", "UTC0");
     const Clock::time_point earliest = Clock::time_point::min();
     const Clock::time_point latest = Clock::time_point::max();

@@ -54,7 +54,7 @@ class MessageCatalogFiles : public ::testing::Test {
         return kel::MessageCatalog::open(file);
     }
 
-    kel::testing::ScratchDirectory directory_;
+    kel::test::ScratchDirectory directory_;
 };
 
 TEST_F(MessageCatalogFiles, ReadsSingularAndPluralEntriesInEitherByteOrder) {
@@ -122,6 +122,27 @@ TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
     }
 }
 
+// Each expression tells the C grouping apart from a wrong one (what the wrong grouping gives is
+// in the comment).
+TEST(MessageCatalogBytes, PluralOperatorsFollowCPrecedenceAndAssociativity) {
+    const std::pair<const char*, unsigned long> cases[] = {
+        {"20/2/5", 2},                 // 20/(2/5) = 0
+        {"n-2-1", 2},                  // n-(2-1) = 4
+        {"2+3*4", 14},                 // (2+3)*4 = 20
+        {"1 < 2 == 1", 1},             // 1 < (2==1) = 0
+        {"1 || 0 && 0", 1},            // (1||0) && 0 = 0
+        {"!n+1", 1},                   // !(n+1) = 0
+        {"n>3 ? 0 : n>1 ? 3 : 4", 0},  // (n>3 ? 0 : n>1) ? 3 : 4 = 4
+        {"(n+1)*2%7", 5},              // (n+1)*(2%7) = 12
+    };
+    for (auto [expression, index] : cases) {
+        auto catalogue = kel::MessageCatalog::fromBytes(compileCatalogue(
+            {pluralForms("nplurals=99; plural=" + std::string(expression) + ";")}));
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->pluralIndex(5), index) << expression;
+    }
+}
+
 // A chain of binary operators is as deep as it is long for the evaluator; a hostile rule of
 // 200,000 terms falls back to the English rule instead of exhausting the stack.
 TEST(MessageCatalogBytes, LongOperatorChainsFallBackToTheEnglishRule) {
@@ -173,6 +194,32 @@ TEST_F(MessageCatalogFiles, FindTakesTheFirstLanguageThatHasACatalogue) {
     Catalogue found = kel::MessageCatalog::find(directory_.path(), "Domain", {"de", "fr", "en"});
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->translation("Now"), "Maintenant");
+}
+
+// LANGUAGE comes before the messages locale (LC_ALL, then LC_MESSAGES, then LANG, an empty one
+// not counting), each locale from most to least specific; under the C locale LANGUAGE is
+// ignored, as gettext ignores it, so programs keep their untranslated output.
+TEST(MessageCatalogLanguages, LanguageListComesFirstExceptUnderTheCLocale) {
+    using Languages = std::vector<std::string>;
+    kel::test::ScopedEnvironment environment;
+    environment.set("LANGUAGE", "fr_CA:de")
+        .set("LC_ALL", std::nullopt)
+        .set("LC_MESSAGES", std::nullopt)
+        .set("LANG", "pt_BR.UTF-8@x");
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(),
+              (Languages{"fr_CA", "fr", "de", "pt_BR@x", "pt_BR", "pt@x", "pt", "en"}));
+    environment.set("LC_ALL", "").set("LC_MESSAGES", "es_ES");
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(),
+              (Languages{"fr_CA", "fr", "de", "es_ES", "es", "en"}));
+    for (const char* cLocale : {"C", "POSIX"}) {
+        environment.set("LC_ALL", cLocale);
+        EXPECT_EQ(kel::MessageCatalog::preferredLanguages(), Languages{"en"}) << cLocale;
+    }
+    // No locale set at all is the C locale too.
+    environment.set("LC_ALL", std::nullopt)
+        .set("LC_MESSAGES", std::nullopt)
+        .set("LANG", std::nullopt);
+    EXPECT_EQ(kel::MessageCatalog::preferredLanguages(), Languages{"en"});
 }
 
 TEST(MessageCatalogLibrary, TheLibraryCatalogueIsFoundBesideTheLibrary) {

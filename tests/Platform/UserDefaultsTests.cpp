@@ -48,7 +48,7 @@ std::string readFile(const std::filesystem::path& file) {
 
 class UserDefaultsStore : public ::testing::Test {
   protected:
-    kel::testing::ScratchDirectory directory_;
+    kel::test::ScratchDirectory directory_;
     std::filesystem::path file_ = directory_ / "settings" / "app.json";
 };
 
@@ -290,7 +290,7 @@ TEST(UserDefaultsWriterProcess, WritesItsKeysWhenRunAsAHelper) {
 }
 
 TEST(UserDefaultsStandard, LivesInTheUserConfigurationDirectoryNamedAfterTheProgram) {
-    kel::testing::ScopedEnvironment environment;
+    kel::test::ScopedEnvironment environment;
     environment.set("XDG_CONFIG_HOME", "/xdg/config").set("HOME", "/home/someone");
     std::string file = std::string(program_invocation_short_name) + ".json";
     EXPECT_EQ(kel::UserDefaults::standardPath(), std::filesystem::path("/xdg/config") / file);

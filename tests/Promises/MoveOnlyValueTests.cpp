@@ -28,7 +28,7 @@ const T& settledValue(const Promise<T>& promise) {
     auto settled = std::make_shared<std::promise<void>>();
     auto future = settled->get_future();
     promise.always(zalgo(), [settled] { settled->set_value(); });
-    testing::requireSettled(future.wait_for(testing::kTimeout) == std::future_status::ready);
+    test::requireSettled(future.wait_for(test::kWatchdogTimeout) == std::future_status::ready);
     return promise.value();
 }
 
@@ -154,7 +154,7 @@ TEST(MoveOnlyValue, AUniquelyOwnedCopyableValueIsMovedAndASharedOneCopied) {
         zalgo(), [copies](int) { return Promise<Counted>::fulfilled(Counted(copies)); });
     auto joined = Promise<Counted>::all(
         listOf(Promise<Counted>([copies](auto fulfil, auto) { fulfil(Counted(copies)); })));
-    testing::Pending<Counted> pending;
+    test::Pending<Counted> pending;
     auto raced = Promise<Counted>::race(std::vector<Promise<Counted>>(1, pending.promise));
     (*pending.fulfill)(Counted(copies));
     settledValue(flattened);

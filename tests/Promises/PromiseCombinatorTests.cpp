@@ -13,7 +13,7 @@
 namespace kel {
 namespace {
 
-using namespace testing;
+using namespace test;
 
 TEST(PromiseAll, ValuesKeepCollectionOrderWhateverTheSettleOrder) {
     EXPECT_TRUE(Promise<int>::all(std::vector<Promise<int>>{}).resolution()->value().empty());

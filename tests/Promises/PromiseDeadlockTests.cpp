@@ -18,7 +18,7 @@
 namespace kel {
 namespace {
 
-using namespace testing;
+using namespace test;
 using test::finishesWithin;
 
 constexpr int kRounds = 200;

@@ -13,7 +13,7 @@
 namespace kel {
 namespace {
 
-using namespace testing;
+using namespace test;
 
 TEST(PromiseDeduper, SharesTheInFlightPromisePerKey) {
     PromiseDeduper<std::string, int> deduper;
@@ -94,7 +94,7 @@ TEST(AsyncMain, AsyncMainAndSyncValueRunAtOnceOnTheMainThreadAndViaTheRunLoopFro
     std::thread caller([&] {
         ranOnMain += DispatchQueue::main().syncValue([] { return isMainThread() ? 1 : 100; });
     });
-    EXPECT_TRUE(RunLoop::runUntil([&] { return ranOnMain.load() >= 2; }, kTimeout));
+    EXPECT_TRUE(RunLoop::runUntil([&] { return ranOnMain.load() >= 2; }, kWatchdogTimeout));
     caller.join();
     EXPECT_EQ(ranOnMain.load(), 2);
 }

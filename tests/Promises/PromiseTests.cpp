@@ -13,7 +13,7 @@
 namespace kel {
 namespace {
 
-using namespace testing;
+using namespace test;
 
 TEST(PromiseSettlement, FirstSettlementWinsAndACompletionMayBeCalledLater) {
     Promise<int> fulfilledFirst([](auto fulfill, auto reject, auto cancel) {

@@ -13,7 +13,7 @@
 namespace kel {
 namespace {
 
-using namespace testing;
+using namespace test;
 
 // The errors a join reported, which must be the given ones in this order.
 void expectWhenErrors(const Error& error, const std::vector<Error>& expected) {

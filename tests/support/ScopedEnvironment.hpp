@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace kel::testing {
+namespace kel::test {
 
 class ScratchDirectory {
   public:
@@ -64,4 +64,4 @@ class ScopedEnvironment {
     std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
 };
 
-}  // namespace kel::testing
+}  // namespace kel::test

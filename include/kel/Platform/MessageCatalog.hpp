@@ -9,7 +9,9 @@
 //
 // MessageCatalog::library() is the library's catalogue for the user's language, chosen from
 // LANGUAGE, LC_ALL, LC_MESSAGES and LANG (each "ll_CC.codeset@modifier" tried as ll_CC@modifier,
-// ll_CC, ll@modifier, ll), with English, the library's own language, last. The catalogues are
+// ll_CC, ll@modifier, ll), with English, the library's own language, last. As with gettext,
+// LANGUAGE counts only when the locale of messages (LC_ALL, else LC_MESSAGES, else LANG) is
+// set and is not "C" or "POSIX". The catalogues are
 // looked for relative to the library's shared object, found with dladdr: the installed locale
 // directory (<libdir>/../share/locale for a usual prefix) and then a "locale" directory beside
 // the library, where the build tree keeps them. The choice is made once per process.

@@ -4,7 +4,7 @@
 
 #define KEL_PLUGIN_ENTRY extern "C" __attribute__((visibility("default")))
 
-using namespace kel::testing;
+using namespace kel::test;
 
 KEL_PLUGIN_ENTRY bool kelPluginResolveGreeting(const kel::ProxyResolver* resolver,
                                                std::string* text) {

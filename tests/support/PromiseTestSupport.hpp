@@ -1,5 +1,6 @@
-// Helpers shared by the promise tests: a pending promise settled from outside, waiting for a
-// settlement from any thread, and pumping the main queue.
+// Helpers for tests of promises and of the components that return them: a pending promise
+// settled from outside, waiting for a settlement from any thread, and pumping the main queue
+// until one; every wait is bounded by the watchdog time-out.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,12 +12,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "Watchdog.hpp"
 #include "kel/Platform/RunLoop.hpp"
 #include "kel/Promises/Promise.hpp"
 
-namespace kel::testing {
-
-inline constexpr std::chrono::seconds kTimeout{20};
+namespace kel::test {
 
 // A pending promise and the callables that settle it (a DeferredPromise has no cancel). Not
 // movable: the constructor's body stores into this object.
@@ -49,7 +49,7 @@ Resolution<T> await(const Promise<T>& promise) {
     auto settled = std::make_shared<std::promise<void>>();
     auto future = settled->get_future();
     promise.always(zalgo(), [settled] { settled->set_value(); });
-    requireSettled(future.wait_for(kTimeout) == std::future_status::ready);
+    requireSettled(future.wait_for(kWatchdogTimeout) == std::future_status::ready);
     return *promise.resolution();
 }
 
@@ -57,7 +57,8 @@ Resolution<T> await(const Promise<T>& promise) {
 // queue.
 template <class T>
 Resolution<T> pumpUntilSettled(const Promise<T>& promise) {
-    requireSettled(RunLoop::runUntil([&] { return promise.resolution().has_value(); }, kTimeout));
+    requireSettled(
+        RunLoop::runUntil([&] { return promise.resolution().has_value(); }, kWatchdogTimeout));
     return *promise.resolution();
 }
 
@@ -65,4 +66,4 @@ inline Error makeTestError(const std::string& text) {
     return std::make_exception_ptr(std::runtime_error(text));
 }
 
-}  // namespace kel::testing
+}  // namespace kel::test
