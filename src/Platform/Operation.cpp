@@ -232,7 +232,8 @@ bool affects(std::string_view changedKey, std::string_view key,
 }  // namespace
 
 // Tells the queue holding the operation about changes of its readiness and finish. The
-// announcement has synchronised with OperationQueueCore::add before this reads the link's hooked flag.
+// announcement has synchronised with OperationQueueCore::add before this reads the link's hooked
+// flag.
 void Operation::changeAnnounced(std::string_view changedKey) {
     if (!queueLink_.hooked.load(std::memory_order_acquire)) {
         return;

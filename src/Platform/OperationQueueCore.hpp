@@ -1,8 +1,8 @@
 // kel::detail::OperationQueueCore — the shared state behind an OperationQueue.
 //
 // The core keeps what it holds in intrusive lists (waiting, then started) threaded through
-// QueueEntry links, so adding and finishing allocate nothing beyond the dispatch of the work. Operations
-// report readiness and finish to it directly from their change announcements
+// QueueEntry links, so adding and finishing allocate nothing beyond the dispatch of the work.
+// Operations report readiness and finish to it directly from their change announcements
 // (Operation::changeAnnounced), not through observations.
 //
 // A block added with addOperation(Task) gets no Operation at first: nobody else can reach it,

@@ -3,10 +3,10 @@
 #include <exception>
 #include <utility>
 
-#include "kel/Platform/MainThread.hpp"
 #include "Runtime.hpp"
 #include "ThreadName.hpp"
 #include "kel/Platform/FatalError.hpp"
+#include "kel/Platform/MainThread.hpp"
 
 namespace kel::detail {
 
