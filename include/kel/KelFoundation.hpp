@@ -88,6 +88,7 @@
 #include "kel/Platform/InlineFunction.hpp"
 #include "kel/Platform/KeyValueObserving.hpp"
 #include "kel/Platform/Log.hpp"
+#include "kel/Platform/MainThread.hpp"
 #include "kel/Platform/MessageCatalog.hpp"
 #include "kel/Platform/Object.hpp"
 #include "kel/Platform/Operation.hpp"

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include "DispatchRuntime.hpp"
+#include "Dispatch/WorkerPool.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/FatalError.hpp"
 

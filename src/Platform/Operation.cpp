@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "DispatchRuntime.hpp"
+#include "Dispatch/WorkerPool.hpp"
 #include "OperationQueueCore.hpp"
 #include "kel/Platform/FatalError.hpp"
 
@@ -232,19 +232,20 @@ bool affects(std::string_view changedKey, std::string_view key,
 }  // namespace
 
 // Tells the queue holding the operation about changes of its readiness and finish. The
-// announcement has synchronised with OperationQueueCore::add before this reads queueHooked_.
+// announcement has synchronised with OperationQueueCore::add before this reads the link's hooked
+// flag.
 void Operation::changeAnnounced(std::string_view changedKey) {
-    if (!queueHooked_.load(std::memory_order_acquire)) {
+    if (!queueLink_.hooked.load(std::memory_order_acquire)) {
         return;
     }
-    detail::OperationQueueCore& queue = *queue_;
-    if (affects(changedKey, isFinishedKey, queueFinishedKeys_) && isFinished()) {
+    detail::OperationQueueCore& queue = *queueLink_.queue;
+    if (affects(changedKey, isFinishedKey, queueLink_.finishedKeys) && isFinished()) {
         // The queue's reference is released on return, after the queue is done with it.
         if (std::shared_ptr<Operation> released = queue.operationFinished(*this)) {
             return;
         }
     }
-    if (affects(changedKey, isReadyKey, queueReadyKeys_)) {
+    if (affects(changedKey, isReadyKey, queueLink_.readyKeys)) {
         queue.pump();
     }
 }

@@ -3,62 +3,20 @@
 #include <chrono>
 #include <utility>
 
-#include "DispatchRuntime.hpp"
+#include "Dispatch/WorkerPool.hpp"
 #include "OperationQueueCore.hpp"
 #include "kel/Platform/FatalError.hpp"
 
 namespace kel {
 namespace detail {
 
-void OperationQueueCore::List::pushBack(QueueLink& link) noexcept {
-    link.previous = tail_;
-    link.next = nullptr;
-    if (tail_ != nullptr) {
-        tail_->next = &link;
-    } else {
-        head_ = &link;
-    }
-    tail_ = &link;
-    ++size_;
-}
-
-void OperationQueueCore::List::erase(QueueLink& link) noexcept {
-    (link.previous != nullptr ? link.previous->next : head_) = link.next;
-    (link.next != nullptr ? link.next->previous : tail_) = link.previous;
-    link.previous = nullptr;
-    link.next = nullptr;
-    --size_;
-}
-
-void OperationQueueCore::List::replace(QueueLink& link, QueueLink& replacement) noexcept {
-    replacement.previous = link.previous;
-    replacement.next = link.next;
-    (link.previous != nullptr ? link.previous->next : head_) = &replacement;
-    (link.next != nullptr ? link.next->previous : tail_) = &replacement;
-    link.previous = nullptr;
-    link.next = nullptr;
-}
-
-void OperationQueueCore::List::prependAll(List& other) noexcept {
-    if (other.empty()) {
-        return;
-    }
-    other.tail_->next = head_;
-    (head_ != nullptr ? head_->previous : tail_) = other.tail_;
-    head_ = other.head_;
-    size_ += other.size_;
-    other.head_ = nullptr;
-    other.tail_ = nullptr;
-    other.size_ = 0;
-}
-
 OperationQueueCore::~OperationQueueCore() {
     // Blocks still waiting when the last owner lets go (a suspended queue) never run. Started
     // ones keep the core alive through their work items, and pending ones through the queued
     // drainer, so none of those is left here.
     for (List* list : {&waiting_, &pending_}) {
-        for (QueueLink* link = list->front(); link != nullptr;) {
-            QueueLink* next = link->next;
+        for (QueueEntry* link = list->front(); link != nullptr;) {
+            QueueEntry* next = link->nextInList();
             if (link->operation == nullptr) {
                 delete static_cast<LightBlock*>(link);
             }
@@ -68,15 +26,15 @@ OperationQueueCore::~OperationQueueCore() {
 }
 
 void OperationQueueCore::hookLocked(const std::shared_ptr<Operation>& operation,
-                                    Operation::QueuePhase phase) {
+                                    OperationQueueLink::Phase phase) {
     Operation& op = *operation;
-    op.enqueued_.store(true, std::memory_order_relaxed);
-    op.queue_ = shared_from_this();
-    op.queueReadyKeys_ = op.keyPathsForValuesAffectingIsReady();
-    op.queueFinishedKeys_ = op.keyPathsForValuesAffectingIsFinished();
-    op.queueHooked_.store(true, std::memory_order_release);
-    op.queuePhase_ = phase;
-    op.queueSelf_ = operation;
+    op.queueLink_.enqueued.store(true, std::memory_order_relaxed);
+    op.queueLink_.queue = shared_from_this();
+    op.queueLink_.readyKeys = op.keyPathsForValuesAffectingIsReady();
+    op.queueLink_.finishedKeys = op.keyPathsForValuesAffectingIsFinished();
+    op.queueLink_.hooked.store(true, std::memory_order_release);
+    op.queueLink_.phase = phase;
+    op.queueLink_.self = operation;
 }
 
 void OperationQueueCore::addBlock(Task block) {
@@ -118,7 +76,7 @@ void OperationQueueCore::dispatchDrainer(DispatchQueue target) {
 }
 
 LightBlock* OperationQueueCore::takePendingLocked(bool& queueDrainer) {
-    QueueLink* front = pending_.front();
+    QueueEntry* front = pending_.front();
     if (front == nullptr || !drainsLocked()) {
         return nullptr;
     }
@@ -160,12 +118,12 @@ std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, 
         // Not started: the operation takes the block and runs as any other, in the block's
         // place if it was waiting, at the end of the waiting list if it was pending.
         operation->addExecutionBlock(std::move(light->block));
-        hookLocked(operation, Operation::QueuePhase::waiting);
+        hookLocked(operation, OperationQueueLink::Phase::waiting);
         if (&list == &waiting_) {
-            waiting_.replace(*light, operation->queueLink_);
+            waiting_.replace(*light, operation->queueLink_.entry);
         } else {
             pending_.erase(*light);
-            waiting_.pushBack(operation->queueLink_);
+            waiting_.pushBack(operation->queueLink_.entry);
         }
         delete light;
     } else {
@@ -173,8 +131,8 @@ std::shared_ptr<Operation> OperationQueueCore::standInLocked(LightBlock* light, 
         // have observed it yet, so its state is set without announcements.
         operation->started_.store(true, std::memory_order_relaxed);
         operation->state_.store(Operation::State::executing, std::memory_order_release);
-        hookLocked(operation, Operation::QueuePhase::started);
-        started_.replace(*light, operation->queueLink_);
+        hookLocked(operation, OperationQueueLink::Phase::started);
+        started_.replace(*light, operation->queueLink_.entry);
         light->standIn = operation;
     }
     return operation;
@@ -207,7 +165,7 @@ void OperationQueueCore::runBlock(LightBlock* light) {
                 standIn = std::move(light->standIn);
             } else {
                 started_.erase(*light);
-                QueueLink* front = waiting_.front();
+                QueueEntry* front = waiting_.front();
                 if (emptyLocked()) {
                     emptied_.notify_all();
                 } else {
@@ -246,21 +204,21 @@ void OperationQueueCore::add(std::shared_ptr<Operation> operation) {
     KEL_PRECONDITION(operation != nullptr, "OperationQueue::addOperation needs an operation");
     KEL_PRECONDITION(!operation->isExecuting() && !operation->isFinished(),
                      "OperationQueue::addOperation: the operation has already run");
-    KEL_PRECONDITION(!operation->enqueued_.exchange(true, std::memory_order_acq_rel),
+    KEL_PRECONDITION(!operation->queueLink_.enqueued.exchange(true, std::memory_order_acq_rel),
                      "OperationQueue::addOperation: the operation is already in a queue");
     // Only this queue writes these, once; the subclass is fully constructed by now, so its
     // dependent keys are known.
     Operation& op = *operation;
-    op.queue_ = shared_from_this();
-    op.queueReadyKeys_ = op.keyPathsForValuesAffectingIsReady();
-    op.queueFinishedKeys_ = op.keyPathsForValuesAffectingIsFinished();
-    op.queueHooked_.store(true, std::memory_order_relaxed);
-    // Either a concurrent announcement sees queueHooked_, or the checks below see its change.
+    op.queueLink_.queue = shared_from_this();
+    op.queueLink_.readyKeys = op.keyPathsForValuesAffectingIsReady();
+    op.queueLink_.finishedKeys = op.keyPathsForValuesAffectingIsFinished();
+    op.queueLink_.hooked.store(true, std::memory_order_relaxed);
+    // Either a concurrent announcement sees queueLink_.hooked, or the checks below see its change.
     op.synchronizeWithAnnouncements();
     std::unique_lock lock(mutex_);
-    op.queuePhase_ = Operation::QueuePhase::waiting;
-    op.queueSelf_ = std::move(operation);
-    waiting_.pushBack(op.queueLink_);
+    op.queueLink_.phase = OperationQueueLink::Phase::waiting;
+    op.queueLink_.self = std::move(operation);
+    waiting_.pushBack(op.queueLink_.entry);
     // Announcements made before the operation was in the lists were ignored: a finish among
     // them is caught here, a readiness change by the start pass below.
     if (!op.isFinished()) {
@@ -296,10 +254,10 @@ void OperationQueueCore::pumpLocked() {
         return;
     }
     DispatchQueue* target = nullptr;
-    QueueLink* next = waiting_.front();
+    QueueEntry* next = waiting_.front();
     while (next != nullptr && (limit_ < 0 || started_.size() < static_cast<std::size_t>(limit_))) {
-        QueueLink& link = *next;
-        next = link.next;
+        QueueEntry& link = *next;
+        next = link.nextInList();
         Operation* op = link.operation;
         if (op != nullptr && !op->isReady()) {
             continue;
@@ -311,8 +269,8 @@ void OperationQueueCore::pumpLocked() {
         }
         // Dispatched under the lock so that operations start in the order they were taken.
         if (op != nullptr) {
-            op->queuePhase_ = Operation::QueuePhase::started;
-            target->async([operation = op->queueSelf_] { operation->start(); });
+            op->queueLink_.phase = OperationQueueLink::Phase::started;
+            target->async([operation = op->queueLink_.self] { operation->start(); });
         } else {
             target->async([core = shared_from_this(), light = static_cast<LightBlock*>(&link)] {
                 core->runBlock(light);
@@ -323,20 +281,20 @@ void OperationQueueCore::pumpLocked() {
 
 std::shared_ptr<Operation> OperationQueueCore::operationFinished(Operation& operation) {
     std::lock_guard lock(mutex_);
-    switch (operation.queuePhase_) {
-        case Operation::QueuePhase::waiting:
-            waiting_.erase(operation.queueLink_);
+    switch (operation.queueLink_.phase) {
+        case OperationQueueLink::Phase::waiting:
+            waiting_.erase(operation.queueLink_.entry);
             break;
-        case Operation::QueuePhase::started:
-            started_.erase(operation.queueLink_);
+        case OperationQueueLink::Phase::started:
+            started_.erase(operation.queueLink_.entry);
             break;
-        case Operation::QueuePhase::none:
-        case Operation::QueuePhase::finished:
+        case OperationQueueLink::Phase::none:
+        case OperationQueueLink::Phase::finished:
             return nullptr;
     }
-    operation.queuePhase_ = Operation::QueuePhase::finished;
-    operation.queueHooked_.store(false, std::memory_order_relaxed);
-    std::shared_ptr<Operation> released = std::move(operation.queueSelf_);
+    operation.queueLink_.phase = OperationQueueLink::Phase::finished;
+    operation.queueLink_.hooked.store(false, std::memory_order_relaxed);
+    std::shared_ptr<Operation> released = std::move(operation.queueLink_.self);
     if (emptyLocked()) {
         emptied_.notify_all();
     } else {
@@ -352,10 +310,10 @@ std::vector<std::shared_ptr<Operation>> OperationQueueCore::operations() {
     // Pending blocks come last: their operations join the end of the waiting list.
     const bool hadPending = !pending_.empty();
     for (List* list : {&started_, &waiting_, &pending_}) {
-        for (QueueLink* link = list->front(); link != nullptr;) {
-            QueueLink* next = link->next;
+        for (QueueEntry* link = list->front(); link != nullptr;) {
+            QueueEntry* next = link->nextInList();
             result.push_back(link->operation != nullptr
-                                 ? link->operation->queueSelf_
+                                 ? link->operation->queueLink_.self
                                  : standInLocked(static_cast<LightBlock*>(link), *list));
             link = next;
         }

@@ -1,8 +1,8 @@
 // kel::detail::OperationQueueCore — the shared state behind an OperationQueue.
 //
-// The core keeps what it holds in two intrusive lists (waiting, then started) threaded through
-// QueueLinks, so adding and finishing allocate nothing beyond the dispatch of the work. Operations
-// report readiness and finish to it directly from their change announcements
+// The core keeps what it holds in intrusive lists (waiting, then started) threaded through
+// QueueEntry links, so adding and finishing allocate nothing beyond the dispatch of the work.
+// Operations report readiness and finish to it directly from their change announcements
 // (Operation::changeAnnounced), not through observations.
 //
 // A block added with addOperation(Task) gets no Operation at first: nobody else can reach it,
@@ -43,35 +43,20 @@
 #include "kel/Platform/Operation.hpp"
 #include "kel/Platform/OperationQueue.hpp"
 #include "kel/Platform/Task.hpp"
+#include "kel/Platform/detail/IntrusiveList.hpp"
+#include "kel/Platform/detail/OperationQueueLink.hpp"
 
 namespace kel::detail {
 
 // A block in the lists without an operation (its link's operation stays null).
-struct LightBlock : QueueLink {
+struct LightBlock : QueueEntry {
     Task block;  // the worker's once started (read without the lock); the lock's while waiting
     std::shared_ptr<Operation> standIn;  // guarded by the queue's lock; set while running only
 };
 
 class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCore> {
   public:
-    // A doubly linked list of QueueLinks.
-    class List {
-      public:
-        void pushBack(QueueLink& link) noexcept;
-        void erase(QueueLink& link) noexcept;
-        // Puts `replacement` where `link` is and takes `link` out.
-        void replace(QueueLink& link, QueueLink& replacement) noexcept;
-        // Moves every link of `other`, in order, before this list's first.
-        void prependAll(List& other) noexcept;
-        QueueLink* front() const noexcept { return head_; }
-        std::size_t size() const noexcept { return size_; }
-        bool empty() const noexcept { return size_ == 0; }
-
-      private:
-        QueueLink* head_ = nullptr;
-        QueueLink* tail_ = nullptr;
-        std::size_t size_ = 0;
-    };
+    using List = IntrusiveList<QueueEntry>;
 
     ~OperationQueueCore();
 
@@ -108,7 +93,7 @@ class OperationQueueCore : public std::enable_shared_from_this<OperationQueueCor
     void pumpLocked();
     DispatchQueue& targetLocked();
     // Hooks an operation to this queue, as add does, in the given phase.
-    void hookLocked(const std::shared_ptr<Operation>& operation, Operation::QueuePhase phase);
+    void hookLocked(const std::shared_ptr<Operation>& operation, OperationQueueLink::Phase phase);
     // Runs a started block on the calling worker and reports it finished.
     void runBlock(LightBlock* light);
     // A drainer's work item: runs pending blocks in a bounded batch.

@@ -1,6 +1,13 @@
 // kel::DispatchQueue — a queue of work items, serial or concurrent, run by the library's own
 // dispatch runtime (a bounded, growing thread pool with libdispatch's semantics).
 //
+//     kel::DispatchQueue queue("com.example.cache");  // serial
+//     std::vector<int> values;                         // touched only by items of `queue`
+//     queue.async([&values] { values.push_back(1); });
+//     auto count = queue.sync([&values] { return values.size(); });  // 1: after the async
+//     kel::DispatchQueue::main().async([count] { show(count); });     // on the main thread
+//     kel::DispatchQueue::global().asyncAfter(kel::DispatchTime::now() + 0.5, [] { ping(); });
+//
 // A DispatchQueue is a cheap copyable handle; copies share one queue and == is identity.
 // Kinds of queue:
 //   - serial (the default): one item at a time, in submission order;
@@ -16,6 +23,19 @@
 //
 // Work items must not throw: an exception escaping a work item ends the process, as one
 // escaping a std::thread does. (sync is the exception: what f throws reaches the caller.)
+//
+// Guarantees. Ordering: a serial queue runs its items one at a time, in the order their async
+// or sync calls reached it (for one submitting thread, its program order), and a sync waits for
+// every item submitted before it. The main queue is such a serial queue whose items run on the
+// main thread, only while it is inside RunLoop. A concurrent queue starts items roughly in
+// submission order but promises no order and lets them overlap; there are no barrier items, so
+// work that must run alone goes to a serial queue (which may target the concurrent one) or
+// waits for a DispatchGroup. asyncAfter submits the work no earlier than its deadline; timers
+// with equal deadlines, scheduled before it, are submitted in the order they were scheduled. A
+// queue with a target runs its items as items of the target (a serial queue stays serial on a
+// concurrent target). Visibility: everything the submitting thread did before async, asyncAfter or
+// sync happens-before the item runs; on a serial queue each item happens-before the next; the item
+// of a sync happens-before sync returns.
 //
 // Thread rules: every operation may be called from any thread.
 #pragma once

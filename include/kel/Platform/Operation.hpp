@@ -31,6 +31,7 @@
 #include "kel/Platform/Cancellable.hpp"
 #include "kel/Platform/KeyValueObserving.hpp"
 #include "kel/Platform/Task.hpp"
+#include "kel/Platform/detail/OperationQueueLink.hpp"
 
 namespace kel {
 
@@ -38,13 +39,6 @@ class Operation;
 
 namespace detail {
 class OperationQueueCore;
-
-// A place in an operation queue's lists: an operation, or a block the queue runs without one.
-struct QueueLink {
-    QueueLink* previous = nullptr;
-    QueueLink* next = nullptr;
-    Operation* operation = nullptr;  // null for a block without an operation
-};
 }  // namespace detail
 
 class Operation : public KeyValueObservable,
@@ -118,7 +112,6 @@ class Operation : public KeyValueObservable,
     std::atomic<bool> started_{false};
     std::atomic<bool> cancelled_{false};
     std::atomic<int> unfinishedDependencies_{0};
-    std::atomic<bool> enqueued_{false};       // claimed by the queue it is added to
     std::atomic<bool> finishHandled_{false};  // the completion block has been taken
 
     mutable std::mutex mutex_;  // guards everything below
@@ -130,17 +123,8 @@ class Operation : public KeyValueObservable,
     bool observingOwnFinish_ = false;
 
     // The queue hears the operation's readiness and finish through changeAnnounced rather than
-    // through observations. queue_ and the key lists are written once by the queue that takes
-    // the operation, before queueHooked_ is set, and only read afterwards.
-    std::shared_ptr<detail::OperationQueueCore> queue_;
-    std::vector<std::string> queueReadyKeys_;     // keys a subclass made "isReady" depend on
-    std::vector<std::string> queueFinishedKeys_;  // keys a subclass made "isFinished" depend on
-    std::atomic<bool> queueHooked_{false};        // set while the queue holds the operation
-    // Guarded by the queue's lock: the operation's place in the queue's lists.
-    enum class QueuePhase : std::uint8_t { none, waiting, started, finished };
-    QueuePhase queuePhase_ = QueuePhase::none;
-    detail::QueueLink queueLink_{nullptr, nullptr, this};
-    std::shared_ptr<Operation> queueSelf_;  // the queue's reference while the operation is in it
+    // through observations; its bookkeeping for the operation lives here.
+    detail::OperationQueueLink queueLink_{this};
 
     friend class detail::OperationQueueCore;
 };

@@ -1,5 +1,15 @@
 // kel::OperationQueue — runs operations when they become ready, up to a concurrency limit.
 //
+//     auto queue = std::make_shared<kel::OperationQueue>();
+//     queue->setMaxConcurrentOperationCount(2);
+//     auto download = kel::BlockOperation::make([] { fetch(); });
+//     auto parse = kel::BlockOperation::make([] { parse(); });
+//     parse->addDependency(download);  // parse starts once download has finished
+//     parse->setCompletionBlock([] { report(); });
+//     queue->addOperations({download, parse}, /*waitUntilFinished=*/false);
+//     queue->addOperation([] { cleanUp(); });  // a plain block
+//     queue->waitUntilAllOperationsAreFinished();
+//
 // Added operations wait until they are ready (their dependencies have finished, or they are
 // cancelled); the queue starts ready ones in the order they were added, at most
 // maxConcurrentOperationCount at a time (-1: no limit), each by calling start() on the
@@ -7,6 +17,19 @@
 // name). A slot is free again when the operation reports finished through its "isFinished" key,
 // so asynchronous operations that finish later on another thread hold their slot until then;
 // one that never reports finished keeps its slot (and stays in operations()) for good.
+//
+// Guarantees. Ordering: ready operations are handed to the underlying queue in the order they
+// were added (on a serial underlying queue they start in that order); one that is not ready is
+// passed over, not waited for. With maxConcurrentOperationCount 1 operations run one at
+// a time (a limit of N: never more than N between start and reported finish). Blocks added
+// from one thread start in the order added. A dependent starts only after each of its
+// dependencies has reported finished, on whatever queue those ran; cancelling an operation
+// makes it ready at once, and it finishes without running main(). A suspended queue starts
+// nothing; operations already started go on. Visibility: everything the adding thread did
+// before addOperation happens-before the operation starts; everything a dependency did before
+// reporting finished happens-before its dependents start; an operation's work happens-before
+// its completion block runs and before waitUntilFinished or waitUntilAllOperationsAreFinished
+// returns.
 //
 // Thread rules: every member may be called from any thread.
 //

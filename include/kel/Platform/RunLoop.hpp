@@ -11,10 +11,9 @@
 #include <chrono>
 #include <functional>
 
-namespace kel {
+#include "kel/Platform/MainThread.hpp"
 
-// True on the process's initial thread.
-bool isMainThread() noexcept;
+namespace kel {
 
 class RunLoop {
   public:

@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Dispatch/TimerThread.hpp"
+
+namespace {
+
+using kel::DispatchTime;
+using kel::Task;
+using kel::detail::QueueCore;
+using kel::detail::TimerThread;
+using namespace std::chrono_literals;
+
+// Runs a due timer's work on the timer thread itself: the tests need no queue.
+void runOnTimerThread(const std::shared_ptr<QueueCore>&, Task work) {
+    work();
+}
+
+// A timer thread's thread is detached and outlives the test: the object is leaked on purpose.
+TimerThread& newTimerThread() {
+    return *new TimerThread(runOnTimerThread);
+}
+
+struct FiredLog {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<int> fired;
+
+    void add(int value) {
+        std::lock_guard lock(mutex);
+        fired.push_back(value);
+        changed.notify_all();
+    }
+    bool waitForCount(std::size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 30s, [&] { return fired.size() >= count; });
+    }
+};
+
+TEST(DispatchTimerThreadTests, FiresEarlierDeadlinesFirstAndEqualOnesInSchedulingOrder) {
+    TimerThread& timers = newTimerThread();
+    auto log = std::make_shared<FiredLog>();
+    // Hold the timer thread inside a first timer while the others are scheduled, so that it
+    // finds them all in its heap.
+    auto entered = std::make_shared<std::latch>(1);
+    auto release = std::make_shared<std::latch>(1);
+    timers.schedule(
+        DispatchTime::now() + 0.001,
+        [entered, release] {
+            entered->count_down();
+            release->wait();
+        },
+        nullptr);
+    entered->wait();
+    const DispatchTime base = DispatchTime::now() + 0.2;
+    const std::vector<std::pair<double, int>> timersToSchedule = {
+        {0.03, 9}, {0, 1}, {0.02, 8}, {0, 2}, {0, 3}, {0.01, 7}, {0, 4}, {0, 5}, {0, 6},
+    };
+    for (const auto& [offset, id] : timersToSchedule) {
+        timers.schedule(
+            base + offset, [log, id = id] { log->add(id); }, nullptr);
+    }
+    release->count_down();
+    ASSERT_TRUE(log->waitForCount(timersToSchedule.size()));
+    std::lock_guard lock(log->mutex);
+    EXPECT_EQ(log->fired, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
+}
+
+TEST(DispatchTimerThreadTests, NearerDeadlineWakesTheThreadWaitingForALaterOne) {
+    TimerThread& timers = newTimerThread();
+    auto log = std::make_shared<FiredLog>();
+    timers.schedule(
+        DispatchTime::now() + 3600.0, [] {}, nullptr);
+    // Once this one has fired, the thread goes back to sleep until the far deadline.
+    timers.schedule(
+        DispatchTime::now() + 0.001, [log] { log->add(0); }, nullptr);
+    ASSERT_TRUE(log->waitForCount(1));
+    timers.schedule(
+        DispatchTime::now() + 0.005, [log] { log->add(1); }, nullptr);
+    EXPECT_TRUE(log->waitForCount(2)) << "the sleeping timer thread was not woken";
+}
+
+}  // namespace
