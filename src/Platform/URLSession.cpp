@@ -29,7 +29,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -38,6 +37,7 @@
 #include <utility>
 #include <vector>
 
+#include "ASCII.hpp"
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/URLError.hpp"
 
@@ -93,10 +93,7 @@ bool isInvalidTLD(std::string_view host) {
     if (host.size() < label.size()) {
         return false;
     }
-    auto tail = host.substr(host.size() - label.size());
-    bool matches = std::equal(tail.begin(), tail.end(), label.begin(), [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == b;
-    });
+    bool matches = detail::equalsIgnoringCase(host.substr(host.size() - label.size()), label);
     return matches &&
            (host.size() == label.size() ||
             (host.size() > label.size() + 1 && host[host.size() - label.size() - 1] == '.'));

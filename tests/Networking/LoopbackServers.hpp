@@ -7,6 +7,8 @@
 // answers 200 with a body. It counts requests.
 #pragma once
 
+#include "Watchdog.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -207,10 +209,11 @@ class Outcomes {
         outcomes_.push_back(std::move(outcome));
         changed_.notify_all();
     }
-    // Waits until at least `count` outcomes arrived (at most 10 s); returns them all.
+    // Waits until at least `count` outcomes arrived (at most the watchdog time-out); returns them
+    // all.
     std::vector<Outcome> waitFor(std::size_t count) {
         std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::seconds(10),
+        changed_.wait_for(lock, kel::test::kWatchdogTimeout,
                           [&] { return outcomes_.size() >= count; });
         return outcomes_;
     }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Watchdog.hpp"
+
 #include <atomic>
 #include <chrono>
 #include <latch>
@@ -62,7 +64,7 @@ TEST(DispatchGroupNotify, IsSubmittedToItsQueueOnceTheGroupIsEmpty) {
         ++notified;
     });
     EXPECT_EQ(notified, 0);  // an empty group submits the block, it does not call it inline
-    EXPECT_TRUE(kel::RunLoop::runUntil([&] { return notified == 1; }, 30s));
+    EXPECT_TRUE(kel::test::pumpUntil([&] { return notified == 1; }));
 }
 
 TEST(DispatchGroupWait, TimesOutWhileBusyAndReturnsOnceEmpty) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Watchdog.hpp"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -32,7 +34,7 @@ TEST(MainQueue, RunsOnlyInsideTheRunLoopOnTheMainThreadInOrder) {
     });
     producer.join();
     EXPECT_TRUE(order.empty());  // nothing runs until the main thread pumps the loop
-    EXPECT_TRUE(RunLoop::runUntil([&] { return order.size() == 100; }, 30s));
+    EXPECT_TRUE(kel::test::pumpUntil([&] { return order.size() == 100; }));
     EXPECT_FALSE(wrongThread.load());
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
@@ -44,7 +46,7 @@ TEST(MainQueue, SyncFromAnotherThreadAndTimersRunOnTheMainThread) {
     bool fired = false;
     DispatchQueue::main().asyncAfter(DispatchTime::now() + 0.01,
                                      [&] { fired = kel::isMainThread(); });
-    EXPECT_TRUE(RunLoop::runUntil([&] { return result.load() != 0 && fired; }, 30s));
+    EXPECT_TRUE(kel::test::pumpUntil([&] { return result.load() != 0 && fired; }));
     caller.join();
     EXPECT_EQ(result.load(), 1);
     // On the main thread, syncValue calls directly where sync would deadlock.
