@@ -437,12 +437,12 @@ class Promise {
     }
 
     // then: a new promise of U settled by the callable's result R (a U, or a Promise<U> to
-    // follow), or by the error or cancellation forwarded.
+    // follow), or by the error or cancellation forwarded. The short path stays inline: on a
+    // settled promise, for a callable run at once, the callable runs now, as the handler would,
+    // and its outcome becomes the new promise's state before anyone else can reach it.
     template <class U, class R, class Callable>
     Promise<U> chainThen(const DispatchQueue& queue, Callable callable) const {
         if constexpr (!detail::PromiseTraits<R>::value) {
-            // Settled already and run at once: the callable runs now, as the handler would, and
-            // its outcome becomes the new promise's state before anyone else can reach it.
             if (seal_->isResolved() && detail::Executor::runsAtOnce(queue)) {
                 return Promise<U>(seal_->callResolved([&](const Resolution<T>& resolution) {
                     return detail::SealRef<U>::make(
@@ -450,6 +450,12 @@ class Promise {
                 }));
             }
         }
+        return chainThenLater<U, R>(queue, std::move(callable));
+    }
+
+    // then's handler path: the new promise is settled when the handler runs.
+    template <class U, class R, class Callable>
+    Promise<U> chainThenLater(const DispatchQueue& queue, Callable callable) const {
         auto [derived, settler] = detail::SealRef<U>::makePair();
         addHandler<detail::Outcomes::any>(
             queue, [settler = std::move(settler), callable = std::move(callable)](

@@ -255,8 +255,9 @@ void follow(SealRef<U> inner, SettleTarget<U> derived) {
 // The outcome of a then whose callable returns a value (or nothing), given the resolution of
 // the promise it was chained on: the callable's result, or what it threw, for a value; the
 // error or the cancellation forwarded otherwise; PromiseError::abandoned when the owner is gone.
+// Declared inline: it is the body of every synchronous chain step.
 template <class U, class R, class T, class Callable>
-Resolution<U> thenOutcome(const Resolution<T>& resolution, Callable& callable) noexcept {
+inline Resolution<U> thenOutcome(const Resolution<T>& resolution, Callable& callable) noexcept {
     if (!resolution.isResolved()) {
         return forwarded<U>(resolution);
     }
