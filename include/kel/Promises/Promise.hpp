@@ -1,7 +1,7 @@
 // kel::Promise<T> — a one-shot asynchronous result: a value of T produced later, an error, or a
 // cancellation.
 //
-//   kel::Promise<int> answer([](auto fulfill, auto reject) {
+//   kel::Promise<int> answer([](auto fulfill, auto) {
 //       kel::DispatchQueue::global().async([fulfill] { fulfill(42); });
 //   });
 //   answer.then(kel::DispatchQueue::main(), [](int value) { return std::to_string(value); })
@@ -37,7 +37,8 @@
 // that runs it.
 //
 // Guarantees. Each registered callable runs at most once, and exactly once for the outcomes it
-// is for, if the promise settles. Handlers are started in registration order: callables chained
+// is for once the promise settles (owner forms: while their owner lives; the main queue: while
+// the main thread runs RunLoop). Handlers are started in registration order: callables chained
 // on one promise with zalgo, or with the same serial queue, run in the order they were chained
 // (on different queues they are submitted in that order and then run as their queues decide).
 // Whatever the settling thread wrote before it fulfilled, rejected or cancelled the promise is
