@@ -18,7 +18,9 @@ using namespace testing;
 // Only a promise's creator can settle it: the settle callables cannot be made from a promise,
 // and the seal that a holder can reach (even through the library's internals) has no settle.
 template <class Seal>
-concept Settleable = requires(Seal& seal) { seal.settle(Resolution<int>::resolved(1)); };
+concept Settleable = requires(Seal& seal) {
+    seal.settle(Resolution<int>::resolved(1));
+};
 static_assert(!std::is_constructible_v<Promise<int>::Fulfill, Promise<int>>);
 static_assert(!std::is_constructible_v<Promise<int>::Reject, Promise<int>>);
 static_assert(!std::is_constructible_v<Promise<int>::Cancel, Promise<int>>);
