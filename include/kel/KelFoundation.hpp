@@ -118,8 +118,6 @@
 #include "kel/Promises/PromiseError.hpp"
 #include "kel/Promises/Resolution.hpp"
 #include "kel/Promises/Result.hpp"
-#include "kel/Promises/Seal.hpp"
-#include "kel/Promises/SealAllocator.hpp"
 #include "kel/Promises/Void.hpp"
 #include "kel/Promises/When.hpp"
 #include "kel/Promises/WhenError.hpp"

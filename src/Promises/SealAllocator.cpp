@@ -1,4 +1,4 @@
-#include "kel/Promises/SealAllocator.hpp"
+#include "kel/Promises/detail/SealAllocator.hpp"
 
 #include <cstdint>
 #include <new>

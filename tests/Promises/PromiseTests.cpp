@@ -15,6 +15,19 @@ namespace {
 
 using namespace test;
 
+// Only a promise's creator can settle it: the settle callables cannot be made from a promise,
+// and the seal that a holder can reach (even through the library's internals) has no settle.
+template <class Seal>
+concept Settleable = requires(Seal& seal) {
+    seal.settle(Resolution<int>::resolved(1));
+};
+static_assert(!std::is_constructible_v<Promise<int>::Fulfill, Promise<int>>);
+static_assert(!std::is_constructible_v<Promise<int>::Reject, Promise<int>>);
+static_assert(!std::is_constructible_v<Promise<int>::Cancel, Promise<int>>);
+static_assert(!std::is_constructible_v<Promise<int>::Completion, Promise<int>>);
+static_assert(!Settleable<std::remove_cvref_t<
+                  decltype(*detail::PromiseAccess::seal(std::declval<const Promise<int>&>()))>>);
+
 TEST(PromiseSettlement, FirstSettlementWinsAndACompletionMayBeCalledLater) {
     Promise<int> fulfilledFirst([](auto fulfill, auto reject, auto cancel) {
         fulfill(1);

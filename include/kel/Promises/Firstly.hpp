@@ -30,91 +30,82 @@ namespace kel {
 
 namespace detail {
 
-// What a firstly callable returns, by the rule `then` uses: a Promise<T> or a reference to one.
+// The value type of the promise a firstly-callable returns.
 template <class F, class... Owner>
-using FirstlyResult = std::remove_cvref_t<std::invoke_result_t<F&, Owner...>>;
+using FirstlyValue =
+    typename PromiseTraits<std::remove_cvref_t<std::invoke_result_t<F&, Owner...>>>::Value;
 
-template <class F, class... Owner>
-using FirstlyValue = typename PromiseTraits<FirstlyResult<F, Owner...>>::Value;
+enum class FirstlyRun : unsigned char { async, sync };
 
-// Calls `call` and makes `outer` follow the promise it returns, for a value or an error only.
-// The value is moved on when f's promise has no other reader left (see Seal::handOn).
-template <class T, class Call>
-void runFirstly(const SettleTarget<T>& outer, Call&& call) {
-    std::optional<Promise<T>> inner;
-    try {
-        inner.emplace(call());
-    } catch (...) {
-        settle(outer, Resolution<T>::rejected(std::current_exception()));
-        return;
+// The one body of the queue forms: a new promise that follows, for a value or an error only, the
+// promise that `callable` (a user callable with its owner, see OwnedCallable) returns when the
+// work item runs on `queue`, submitted asynchronously or with a blocking sync. An exception
+// thrown by the callable rejects the new promise, a gone owner rejects it with
+// PromiseError::abandoned. The value is moved on when the callable's promise has no other reader
+// left (see Seal::handOn).
+template <class T, FirstlyRun how, class Callable>
+Promise<T> firstlyOn(const DispatchQueue& queue, Callable callable) {
+    auto [outer, settler] = SealRef<T>::makePair();
+    auto work = [target = std::move(settler), callable = std::move(callable)]() mutable {
+        callable.call(
+            [&](auto& f, auto&... owner) {
+                std::optional<Promise<T>> inner;
+                try {
+                    inner.emplace(f(owner...));
+                } catch (...) {
+                    settle(target, Resolution<T>::rejected(std::current_exception()));
+                    return;
+                }
+                Seal<T>::addReaderHandler(PromiseAccess::take(std::move(*inner)),
+                                          [target](const Resolution<T>& resolution, Seal<T>& source,
+                                                   std::uint32_t held) noexcept {
+                                              if (!resolution.isCancelled()) {
+                                                  settle(target, source.handOn(held));
+                                              }
+                                          });
+            },
+            [&] { settle(target, Resolution<T>::rejected(abandonedError())); });
+    };
+    if constexpr (how == FirstlyRun::sync) {
+        queue.sync(work);
+    } else {
+        queue.async(std::move(work));
     }
-    Seal<T>::addReaderHandler(
-        PromiseAccess::take(std::move(*inner)),
-        [outer](const Resolution<T>& resolution, Seal<T>& source, std::uint32_t held) noexcept {
-            if (!resolution.isCancelled()) {
-                settle(outer, source.handOn(held));
-            }
-        });
-}
-
-template <class T, class O, class F>
-void runFirstlyWithOwner(const SettleTarget<T>& outer, const std::weak_ptr<O>& owner, F& f) {
-    std::shared_ptr<O> strong = owner.lock();
-    if (!strong) {
-        settle(outer, Resolution<T>::rejected(std::make_exception_ptr(PromiseError::abandoned)));
-        return;
-    }
-    runFirstly(outer, [&] { return f(*strong); });
+    return PromiseAccess::make(std::move(outer));
 }
 
 }  // namespace detail
 
-template <class F>
-requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F> firstly(
-    F&& f) {
+template <detail::PromiseFactory F>
+std::remove_cvref_t<std::invoke_result_t<F&>> firstly(F&& f) {
     return f();
 }
 
-template <class F>
-requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F> firstly(
-    const DispatchQueue& queue, F&& f) {
-    using T = detail::FirstlyValue<F>;
-    auto outer = detail::SealRef<T>::make();
-    queue.async([target = detail::SettleTarget<T>::owning(outer),
-                 f = std::forward<F>(f)]() mutable { detail::runFirstly(target, f); });
-    return detail::PromiseAccess::make(std::move(outer));
+template <detail::PromiseFactory F>
+Promise<detail::FirstlyValue<F>> firstly(const DispatchQueue& queue, F&& f) {
+    return detail::firstlyOn<detail::FirstlyValue<F>, detail::FirstlyRun::async>(
+        queue, detail::OwnedCallable<std::decay_t<F>>(std::forward<F>(f)));
 }
 
-template <class O, class F>
-requires detail::PromiseTraits<detail::FirstlyResult<F, O&>>::value detail::FirstlyResult<F, O&>
-firstly(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
-    using T = detail::FirstlyValue<F, O&>;
-    auto outer = detail::SealRef<T>::make();
-    queue.async(
-        [target = detail::SettleTarget<T>::owning(outer), owner = std::weak_ptr<O>(owner),
-         f = std::forward<F>(f)]() mutable { detail::runFirstlyWithOwner(target, owner, f); });
-    return detail::PromiseAccess::make(std::move(outer));
+template <class O, detail::PromiseFactory<O&> F>
+Promise<detail::FirstlyValue<F, O&>> firstly(const DispatchQueue& queue,
+                                             const std::shared_ptr<O>& owner, F&& f) {
+    return detail::firstlyOn<detail::FirstlyValue<F, O&>, detail::FirstlyRun::async>(
+        queue, detail::OwnedCallable<std::decay_t<F>, O>(std::forward<F>(f), owner));
 }
 
-template <class F>
-requires detail::PromiseTraits<detail::FirstlyResult<F>>::value detail::FirstlyResult<F>
-firstlySync(const DispatchQueue& queue, F&& f) {
-    using T = detail::FirstlyValue<F>;
-    auto outer = detail::SealRef<T>::make();
-    auto target = detail::SettleTarget<T>::owning(outer);
-    queue.sync([&] { detail::runFirstly(target, f); });
-    return detail::PromiseAccess::make(std::move(outer));
+// The sync forms only borrow f for the duration of the blocking call.
+template <detail::PromiseFactory F>
+Promise<detail::FirstlyValue<F>> firstlySync(const DispatchQueue& queue, F&& f) {
+    return detail::firstlyOn<detail::FirstlyValue<F>, detail::FirstlyRun::sync>(
+        queue, detail::OwnedCallable<F&>(f));
 }
 
-template <class O, class F>
-requires detail::PromiseTraits<detail::FirstlyResult<F, O&>>::value detail::FirstlyResult<F, O&>
-firstlySync(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) {
-    using T = detail::FirstlyValue<F, O&>;
-    auto outer = detail::SealRef<T>::make();
-    std::weak_ptr<O> weakOwner(owner);
-    auto target = detail::SettleTarget<T>::owning(outer);
-    queue.sync([&] { detail::runFirstlyWithOwner(target, weakOwner, f); });
-    return detail::PromiseAccess::make(std::move(outer));
+template <class O, detail::PromiseFactory<O&> F>
+Promise<detail::FirstlyValue<F, O&>> firstlySync(const DispatchQueue& queue,
+                                                 const std::shared_ptr<O>& owner, F&& f) {
+    return detail::firstlyOn<detail::FirstlyValue<F, O&>, detail::FirstlyRun::sync>(
+        queue, detail::OwnedCallable<F&, O>(f, owner));
 }
 
 }  // namespace kel

@@ -1,8 +1,18 @@
 // kel::Promise<T> — a one-shot asynchronous result: a value of T produced later, an error, or a
 // cancellation.
 //
+//   kel::Promise<int> answer([](auto fulfill, auto) {
+//       kel::DispatchQueue::global().async([fulfill] { fulfill(42); });
+//   });
+//   answer.then(kel::DispatchQueue::main(), [](int value) { return std::to_string(value); })
+//       .then(kel::DispatchQueue::main(), [](const std::string& text) { show(text); })
+//       .error(kel::DispatchQueue::main(), [](const kel::Error& error) { report(error); });
+//
 // A Promise is a cheap copyable handle on one shared seal; copies share it and == is identity.
-// It settles once: the first fulfil, reject or cancel wins and later ones are ignored.
+// It settles once: the first fulfil, reject or cancel wins and later ones are ignored. Only its
+// creator can settle it: through the callables handed to the constructor's body or to
+// withCompletion's block, or the members of a DeferredPromise. Whoever holds a Promise can only
+// watch it.
 //
 // Chaining names the queue on which the callable runs, always first:
 //   then(queue, f)            f(value) returns U or Promise<U>; gives a new Promise<U>
@@ -25,6 +35,16 @@
 // even when the promise is already settled. Handlers run in registration order under the
 // promise's lock, so a callable run at once must not settle or chain onto the very promise
 // that runs it.
+//
+// Guarantees. Each registered callable runs at most once, and exactly once for the outcomes it
+// is for once the promise settles (owner forms: while their owner lives; the main queue: while
+// the main thread runs RunLoop). Handlers are started in registration order: callables chained
+// on one promise with zalgo, or with the same serial queue, run in the order they were chained
+// (on different queues they are submitted in that order and then run as their queues decide).
+// Whatever the settling thread wrote before it fulfilled, rejected or cancelled the promise is
+// visible to every callable of that promise, on whatever queue it runs, and to a thread that
+// sees isPending() false; what a callable writes is visible to the callables of the promise it
+// settles. A callable chained onto an already settled promise still takes its queue's route.
 //
 // A callable is moved into the chain once and never copied. Values are passed to callables by
 // const reference straight from the settled promise (a callable that takes its parameter by
@@ -61,215 +81,17 @@
 #include "kel/Promises/PromiseError.hpp"
 #include "kel/Promises/Resolution.hpp"
 #include "kel/Promises/Result.hpp"
-#include "kel/Promises/Seal.hpp"
 #include "kel/Promises/Void.hpp"
+#include "kel/Promises/detail/AllRace.hpp"
+#include "kel/Promises/detail/Chain.hpp"
+#include "kel/Promises/detail/Seal.hpp"
 
 namespace kel {
 
 template <class T>
-class Promise;
-template <class T>
 class AsyncOperation;
 template <class T>
 struct DeferredPromise;
-
-namespace detail {
-
-// Internal access to a promise's seal, for the combinators built beside Promise.
-struct PromiseAccess {
-    template <class T>
-    static const SealRef<T>& seal(const Promise<T>& promise) noexcept {
-        return promise.seal_;
-    }
-    // The promise's seal, taken out of a promise that is going away.
-    template <class T>
-    static SealRef<T> take(Promise<T>&& promise) noexcept {
-        return std::move(promise.seal_);
-    }
-    template <class T>
-    static Promise<T> make(SealRef<T> seal) {
-        return Promise<T>(std::move(seal));
-    }
-};
-
-template <class R>
-struct PromiseTraits : std::false_type {
-    using Value = R;
-};
-template <class U>
-struct PromiseTraits<Promise<U>> : std::true_type {
-    using Value = U;
-};
-
-// What a then-callable returns when given the value of a Promise<T> (and the owner, if any).
-template <class T, class F, class... Owner>
-struct CallResult {
-    using type = std::remove_cvref_t<std::invoke_result_t<F&, const T&, Owner...>>;
-};
-template <class F, class... Owner>
-struct CallResult<void, F, Owner...> {
-    using type = std::remove_cvref_t<std::invoke_result_t<F&, Owner...>>;
-};
-
-// The value type of the promise that then(queue, f) returns: U for `U f(T)` and for
-// `Promise<U> f(T)`.
-template <class T, class F, class... Owner>
-using ThenValue = typename PromiseTraits<typename CallResult<T, F, Owner...>::type>::Value;
-
-template <class T, class F, class... Owner>
-decltype(auto) callWithValue(F& f, const Resolution<T>& resolution, Owner&... owner) {
-    if constexpr (std::is_void_v<T>) {
-        return f(owner...);
-    } else {
-        return f(resolution.value(), owner...);
-    }
-}
-
-// Where a callable runs: at once (zalgo, or zalgoIfMain on the main thread), on the main queue
-// (zalgoIfMain elsewhere), or submitted asynchronously to an ordinary queue. The marker queues
-// are recognised once, when the callable is registered.
-class Executor {
-  public:
-    explicit Executor(const DispatchQueue& queue) {
-        if (queue == zalgo()) {
-            kind_ = Kind::zalgo;
-        } else if (queue == zalgoIfMain()) {
-            kind_ = Kind::zalgoIfMain;
-        } else {
-            kind_ = Kind::queue;
-            queue_.emplace(queue);
-        }
-    }
-
-    // Whether a callable for `queue` runs at once on this thread.
-    static bool runsAtOnce(const DispatchQueue& queue) {
-        return queue == zalgo() || (queue == zalgoIfMain() && isMainThread());
-    }
-
-    // Runs body(resolution) now or submits it; a submitted body keeps `source` (and so the
-    // resolution it reads) alive until it has run.
-    template <class T, class Body>
-    void run(const Resolution<T>& resolution, Seal<T>& source, Body&& body) const {
-        if (kind_ == Kind::zalgo || (kind_ == Kind::zalgoIfMain && isMainThread())) {
-            body(resolution);
-            return;
-        }
-        Task task([body = std::forward<Body>(body),
-                   source = SealRef<T>::retained(source)]() mutable noexcept {
-            body(source->settledResolution());
-        });
-        if (kind_ == Kind::zalgoIfMain) {
-            DispatchQueue::main().async(std::move(task));
-        } else {
-            queue_->async(std::move(task));
-        }
-    }
-
-  private:
-    enum class Kind : unsigned char { zalgo, zalgoIfMain, queue };
-    Kind kind_;
-    std::optional<DispatchQueue> queue_;  // set for Kind::queue only
-};
-
-// The outcome of a then-callable that threw, by the error rules of `then`:
-// PromiseError::cancelled cancels, anything else rejects; a thrown Error (an exception_ptr) is
-// looked through. Called from inside a catch block.
-template <class U>
-Resolution<U> resolutionOfThrown() noexcept {
-    try {
-        throw;
-    } catch (const PromiseError& e) {
-        if (e == PromiseError::cancelled) {
-            return Resolution<U>::cancelled();
-        }
-        return Resolution<U>::rejected(std::current_exception());
-    } catch (const Error& inner) {
-        // `throw error;` of an Error value: the error is the one it points to.
-        if (inner) {
-            try {
-                std::rethrow_exception(inner);
-            } catch (...) {
-                return resolutionOfThrown<U>();
-            }
-        }
-        return Resolution<U>::rejected(std::current_exception());
-    } catch (...) {
-        return Resolution<U>::rejected(std::current_exception());
-    }
-}
-
-// The outcome of a then-callable that returns a value (or nothing). `call` invokes it.
-template <class U, class R, class Call>
-Resolution<U> resolutionFromCall(Call&& call) noexcept {
-    try {
-        if constexpr (std::is_void_v<R>) {
-            call();
-            return Resolution<U>::resolved();
-        } else {
-            return Resolution<U>::resolved(call());
-        }
-    } catch (...) {
-        return resolutionOfThrown<U>();
-    }
-}
-
-// Makes `derived` follow `inner`: its value, error or cancellation, forwarded at once. The
-// value is moved on when `inner` has no other reader left (see Seal::handOn).
-template <class U>
-void follow(SealRef<U> inner, SettleTarget<U> derived) {
-    Seal<U>::addReaderHandler(std::move(inner),
-                              [derived = std::move(derived)](const Resolution<U>&, Seal<U>& source,
-                                                             std::uint32_t held) noexcept {
-                                  settle(derived, source.handOn(held));
-                              });
-}
-
-// Settles `derived` from what a then-callable produced. `call` invokes the user's callable.
-template <class U, class R, class Call>
-void settleFromCall(const SettleTarget<U>& derived, Call&& call) noexcept {
-    if constexpr (PromiseTraits<R>::value) {
-        std::optional<R> inner;
-        try {
-            inner.emplace(call());
-        } catch (...) {
-            settle(derived, resolutionOfThrown<U>());
-            return;
-        }
-        follow(PromiseAccess::take(std::move(*inner)), derived);
-    } else {
-        settle(derived, resolutionFromCall<U, R>(call));
-    }
-}
-
-// The body of a then-handler once it runs on its queue: calls the callable for a value,
-// forwards an error or a cancellation.
-template <class U, class T, class ValueCase>
-void continueThen(const Resolution<T>& resolution, const SettleTarget<U>& derived,
-                  ValueCase&& onValue) noexcept {
-    if (resolution.isResolved()) {
-        onValue();
-    } else if (resolution.isRejected()) {
-        settle(derived, Resolution<U>::rejected(resolution.error()));
-    } else {
-        settle(derived, Resolution<U>::cancelled());
-    }
-}
-
-// The outcome of a then whose callable returns a value (or nothing), given the resolution of
-// the promise it was chained on: the callable's result for a value, the error or the
-// cancellation forwarded otherwise.
-template <class U, class R, class T, class Call>
-Resolution<U> thenResolution(const Resolution<T>& resolution, Call&& call) noexcept {
-    if (resolution.isResolved()) {
-        return resolutionFromCall<U, R>(call);
-    }
-    if (resolution.isRejected()) {
-        return Resolution<U>::rejected(resolution.error());
-    }
-    return Resolution<U>::cancelled();
-}
-
-}  // namespace detail
 
 template <class T>
 class Promise {
@@ -388,160 +210,62 @@ class Promise {
 
     // A no-value promise fulfilled at `until` by the default-quality global queue.
     static Promise delay(DispatchTime until) requires std::is_void_v<T> {
-        Promise promise(detail::SealRef<T>::make());
+        auto [promise, settler] = detail::SealRef<T>::makePair();
         DispatchQueue::global(DispatchQoS::default_)
-            .asyncAfter(until, [target = detail::SettleTarget<T>::owning(promise.seal_)] {
-                target.settle(Resolution<T>::resolved());
-            });
-        return promise;
+            .asyncAfter(
+                until, [target = std::move(settler)] { target.settle(Resolution<T>::resolved()); });
+        return Promise(std::move(promise));
     }
 
-    template <class F>
+    template <detail::ThenCallable<T> F>
     auto then(const DispatchQueue& queue, F&& f) const -> Promise<detail::ThenValue<T, F>> {
-        using U = detail::ThenValue<T, F>;
-        using R = typename detail::CallResult<T, F>::type;
-        if constexpr (!detail::PromiseTraits<R>::value) {
-            // Settled already and run at once: the callable runs now, as the handler would, and
-            // its outcome becomes the new promise's state before anyone else can reach it.
-            if (seal_->isResolved() && detail::Executor::runsAtOnce(queue)) {
-                return Promise<U>(seal_->callResolved([&](const Resolution<T>& resolution) {
-                    return detail::SealRef<U>::make(detail::thenResolution<U, R>(
-                        resolution,
-                        [&]() -> decltype(auto) { return detail::callWithValue(f, resolution); }));
-                }));
-            }
-        }
-        auto [derived, settled] = detail::SealRef<U>::makePair();
-        seal_->addHandler([executor = detail::Executor(queue), derived = std::move(settled),
-                           f = std::forward<F>(f)](const Resolution<T>& resolution,
-                                                   detail::Seal<T>& source) mutable noexcept {
-            executor.run(resolution, source,
-                         [derived = std::move(derived),
-                          f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                             detail::continueThen(resolution, derived, [&] {
-                                 detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
-                                     return detail::callWithValue(f, resolution);
-                                 });
-                             });
-                         });
-        });
-        return Promise<U>(std::move(derived));
+        return chainThen<detail::ThenValue<T, F>, typename detail::CallResult<T, F>::type>(
+            queue, detail::OwnedCallable<std::decay_t<F>>(std::forward<F>(f)));
     }
 
-    template <class O, class F>
+    template <class O, detail::ThenCallable<T, O&> F>
     auto then(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) const
         -> Promise<detail::ThenValue<T, F, O&>> {
-        using U = detail::ThenValue<T, F, O&>;
-        using R = typename detail::CallResult<T, F, O&>::type;
-        auto [derived, settled] = detail::SealRef<U>::makePair();
-        seal_->addHandler([executor = detail::Executor(queue), derived = std::move(settled),
-                           owner = std::weak_ptr<O>(owner),
-                           f = std::forward<F>(f)](const Resolution<T>& resolution,
-                                                   detail::Seal<T>& source) mutable noexcept {
-            executor.run(resolution, source,
-                         [derived = std::move(derived), owner = std::move(owner),
-                          f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                             detail::continueThen(resolution, derived, [&] {
-                                 std::shared_ptr<O> strong = owner.lock();
-                                 if (!strong) {
-                                     detail::settle(derived,
-                                                    Resolution<U>::rejected(std::make_exception_ptr(
-                                                        PromiseError::abandoned)));
-                                     return;
-                                 }
-                                 detail::settleFromCall<U, R>(derived, [&]() -> decltype(auto) {
-                                     return detail::callWithValue(f, resolution, *strong);
-                                 });
-                             });
-                         });
-        });
-        return Promise<U>(std::move(derived));
+        return chainThen<detail::ThenValue<T, F, O&>, typename detail::CallResult<T, F, O&>::type>(
+            queue, detail::OwnedCallable<std::decay_t<F>, O>(std::forward<F>(f), owner));
     }
 
-    template <class F>
-    requires std::is_invocable_v<F&, const Error&> Promise error(const DispatchQueue& queue, F&& f)
-    const {
-        seal_->addHandler([executor = detail::Executor(queue), f = std::forward<F>(f)](
-                              const Resolution<T>& resolution,
-                              detail::Seal<T>& source) mutable noexcept {
-            if (resolution.isRejected()) {
-                executor.run(resolution, source,
-                             [f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                                 f(resolution.error());
-                             });
-            }
-        });
-        return *this;
+    template <detail::CallableWith<const Error&> F>
+    Promise error(const DispatchQueue& queue, F&& f) const {
+        return observe<detail::Outcomes::rejected>(
+            queue, detail::OwnedCallable<std::decay_t<F>>(std::forward<F>(f)));
     }
 
-    template <class O, class F>
-    requires std::is_invocable_v<F&, const Error&, O&> Promise
-    error(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f)
-    const {
-        seal_->addHandler([executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
-                           f = std::forward<F>(f)](const Resolution<T>& resolution,
-                                                   detail::Seal<T>& source) mutable noexcept {
-            if (resolution.isRejected()) {
-                executor.run(resolution, source,
-                             [owner = std::move(owner),
-                              f = std::move(f)](const Resolution<T>& resolution) mutable noexcept {
-                                 if (std::shared_ptr<O> strong = owner.lock()) {
-                                     f(resolution.error(), *strong);
-                                 }
-                             });
-            }
-        });
-        return *this;
+    template <class O, detail::CallableWith<const Error&, O&> F>
+    Promise error(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) const {
+        return observe<detail::Outcomes::rejected>(
+            queue, detail::OwnedCallable<std::decay_t<F>, O>(std::forward<F>(f), owner));
     }
 
-    template <class F>
-    requires std::is_invocable_v<F&> Promise always(const DispatchQueue& queue, F&& f)
-    const {
-        seal_->addHandler(
-            [executor = detail::Executor(queue), f = std::forward<F>(f)](
-                const Resolution<T>& resolution, detail::Seal<T>& source) mutable noexcept {
-                executor.run(resolution, source,
-                             [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
-            });
-        return *this;
+    template <detail::CallableWith F>
+    Promise always(const DispatchQueue& queue, F&& f) const {
+        return observe<detail::Outcomes::any>(
+            queue, detail::OwnedCallable<std::decay_t<F>>(std::forward<F>(f)));
     }
 
-    template <class O, class F>
-    requires std::is_invocable_v<F&, O&> Promise always(const DispatchQueue& queue,
-                                                        const std::shared_ptr<O>& owner, F&& f)
-    const {
-        seal_->addHandler([executor = detail::Executor(queue), owner = std::weak_ptr<O>(owner),
-                           f = std::forward<F>(f)](const Resolution<T>& resolution,
-                                                   detail::Seal<T>& source) mutable noexcept {
-            executor.run(resolution, source,
-                         [owner = std::move(owner),
-                          f = std::move(f)](const Resolution<T>&) mutable noexcept {
-                             if (std::shared_ptr<O> strong = owner.lock()) {
-                                 f(*strong);
-                             }
-                         });
-        });
-        return *this;
+    template <class O, detail::CallableWith<O&> F>
+    Promise always(const DispatchQueue& queue, const std::shared_ptr<O>& owner, F&& f) const {
+        return observe<detail::Outcomes::any>(
+            queue, detail::OwnedCallable<std::decay_t<F>, O>(std::forward<F>(f), owner));
     }
 
-    template <class F>
-    requires std::is_invocable_v<F&> Promise cancelled(const DispatchQueue& queue, F&& f)
-    const {
-        seal_->addHandler([executor = detail::Executor(queue), f = std::forward<F>(f)](
-                              const Resolution<T>& resolution,
-                              detail::Seal<T>& source) mutable noexcept {
-            if (resolution.isCancelled()) {
-                executor.run(resolution, source,
-                             [f = std::move(f)](const Resolution<T>&) mutable noexcept { f(); });
-            }
-        });
-        return *this;
+    template <detail::CallableWith F>
+    Promise cancelled(const DispatchQueue& queue, F&& f) const {
+        return observe<detail::Outcomes::cancelled>(
+            queue, detail::OwnedCallable<std::decay_t<F>>(std::forward<F>(f)));
     }
 
     // A promise of every value, in collection order. It observes the elements one after the
     // other: the first element that is rejected (or cancelled) before all earlier ones have
     // fulfilled decides the outcome. An empty collection gives an already fulfilled promise.
-    static Promise<std::vector<Value>> all(std::vector<Promise> promises);
+    static Promise<std::vector<Value>> all(std::vector<Promise> promises) {
+        return detail::allOf(std::move(promises));
+    }
     static Promise<std::vector<Value>> all(
         std::initializer_list<Promise> promises) requires std::is_copy_constructible_v<Value> {
         return all(std::vector<Promise>(promises));
@@ -549,7 +273,9 @@ class Promise {
 
     // A promise settled by the first element to be fulfilled or rejected; cancelled elements
     // are ignored. An empty collection gives a promise that never settles.
-    static Promise race(std::vector<Promise> promises);
+    static Promise race(std::vector<Promise> promises) {
+        return detail::raceOf(std::move(promises));
+    }
     static Promise race(
         std::initializer_list<Promise> promises) requires std::is_copy_constructible_v<Value> {
         return race(std::vector<Promise>(promises));
@@ -673,139 +399,74 @@ class Promise {
 
     // A pending promise with its fulfil and reject callables, for DeferredPromise.
     static std::tuple<Promise, Fulfill, Reject> makeDeferred() {
-        auto seal = detail::SealRef<T>::make();
-        return {Promise(seal), Fulfill(detail::SettleTarget<T>::owning(seal)),
-                Reject(detail::SettleTarget<T>::owning(seal))};
+        auto [seal, settler] = detail::SealRef<T>::makePair();
+        Reject reject(settler);
+        return {Promise(std::move(seal)), Fulfill(std::move(settler)), std::move(reject)};
     }
 
-    // The runner of race: decides, through a private serial queue, which input is first.
-    // Only the decision runs on the queue; the winner settles the result after the decision
-    // has returned, so no settlement (and no handler it runs) ever happens inside the blocking
-    // sync, and two inputs settling at once cannot deadlock through the result's handlers.
-    struct FirstBlockRunner {
-        bool firstBlockHasRun = false;                  // guarded by serialQueue
-        DispatchQueue serialQueue{"FirstBlockRunner"};  // serialises decide()
-
-        // True for the first caller only.
-        bool decide() {
-            bool first = false;
-            serialQueue.sync([&] {
-                first = !firstBlockHasRun;
-                firstBlockHasRun = true;
+    // The one path by which a handler joins this promise: once it settles with an outcome that
+    // `which` takes, body(resolution) runs by the queue rule of `queue` (at once, on the main
+    // queue, or submitted); a submitted body keeps this promise's seal alive until it has run.
+    template <detail::Outcomes which, class Body>
+    void addHandler(const DispatchQueue& queue, Body&& body) const {
+        seal_->addHandler(
+            [executor = detail::Executor(queue), body = std::forward<Body>(body)](
+                const Resolution<T>& resolution, detail::Seal<T>& source) mutable noexcept {
+                if (detail::accepts<which>(resolution)) {
+                    executor.run(resolution, source, std::move(body));
+                }
             });
-            return first;
-        }
-    };
+    }
 
-    // Shared by the handlers of one `all` call; touched by one thread at a time, since the
-    // elements are visited one after the other.
-    struct AllState {
-        std::vector<Promise> inputs;
-        std::vector<Value> values;
-        detail::SettleTarget<std::vector<Value>> result;
-
-        // Takes the resolution of input values.size(); false once it has settled the result.
-        template <class R>
-        bool take(R&& resolution) {
-            if (resolution.isResolved()) {
-                values.push_back(std::forward<R>(resolution).value());
-                return true;
-            }
-            if (resolution.isRejected()) {
-                detail::settle(result,
-                               Resolution<std::vector<Value>>::rejected(resolution.error()));
-            } else {
-                detail::settle(result, Resolution<std::vector<Value>>::cancelled());
-            }
-            return false;
-        }
-
-        // Walks the inputs from values.size() on. A settled input is taken in the loop (its
-        // resolution is read without its lock); at a pending one a handler is left behind that
-        // takes it and walks on later. Each input is dropped from `inputs` when it is visited,
-        // so a handler never keeps its own promise alive through this state.
-        //
-        // The handler takes its input at once but walks on only once its thread holds no seal
-        // lock (AfterSettlement): a walk that went on under the settling seal's lock could
-        // re-lock a seal its own thread is settling (an input derived on zalgo from a later
-        // input), or lock seals in the opposite order of another thread walking another `all`.
-        //
-        // An input the walk is the last reader of gives its value up (moved); a settled input
-        // that others can still read, or whose value is trivially copyable, is copied without
-        // its lock.
-        static void walk(const std::shared_ptr<AllState>& state) {
-            while (state->values.size() < state->inputs.size()) {
-                detail::SealRef<T> seal = std::move(state->inputs[state->values.size()].seal_);
-                if constexpr (std::is_copy_constructible_v<Value>) {
-                    // A trivially copyable value gains nothing from a move: always copied here.
-                    if (seal->isResolved() &&
-                        (std::is_trivially_copyable_v<Value> || !seal->hasSoleReader())) {
-                        if (!state->take(seal->settledResolution())) {
-                            return;
-                        }
-                        continue;
+    // error, always and cancelled: the callable (with its owner, if any) runs for the outcomes
+    // `which` takes, and is skipped silently when its owner is gone.
+    template <detail::Outcomes which, class Callable>
+    Promise observe(const DispatchQueue& queue, Callable callable) const {
+        addHandler<which>(queue, [callable = std::move(callable)](
+                                     const Resolution<T>& resolution) mutable noexcept {
+            callable.call(
+                [&](auto& f, auto&... owner) {
+                    if constexpr (which == detail::Outcomes::rejected) {
+                        f(resolution.error(), owner...);
+                    } else {
+                        f(owner...);
                     }
-                }
-                // Called at once (held == 1), the handler only hands the resolution out: the
-                // walk takes it once the input's lock is released.
-                std::optional<Resolution<T>> now;
-                detail::Seal<T>::addReaderHandler(
-                    std::move(seal), [state, &now](const Resolution<T>&, detail::Seal<T>& source,
-                                                   std::uint32_t held) noexcept {
-                        if (held == 1) {
-                            now.emplace(source.handOn(held));
-                        } else if (state->take(source.handOn(held))) {
-                            detail::AfterSettlement::run([state] { walk(state); });
-                        }
-                    });
-                if (!now || !state->take(std::move(*now))) {
-                    return;
-                }
+                },
+                [] {});
+        });
+        return *this;
+    }
+
+    // then: a new promise of U settled by the callable's result R (a U, or a Promise<U> to
+    // follow), or by the error or cancellation forwarded. The short path stays inline: on a
+    // settled promise, for a callable run at once, the callable runs now, as the handler would,
+    // and its outcome becomes the new promise's state before anyone else can reach it.
+    template <class U, class R, class Callable>
+    Promise<U> chainThen(const DispatchQueue& queue, Callable callable) const {
+        if constexpr (!detail::PromiseTraits<R>::value) {
+            if (seal_->isResolved() && detail::Executor::runsAtOnce(queue)) {
+                return Promise<U>(seal_->callResolved([&](const Resolution<T>& resolution) {
+                    return detail::SealRef<U>::make(
+                        detail::thenOutcome<U, R>(resolution, callable));
+                }));
             }
-            detail::settle(state->result,
-                           Resolution<std::vector<Value>>::resolved(std::move(state->values)));
         }
-    };
+        return chainThenLater<U, R>(queue, std::move(callable));
+    }
+
+    // then's handler path: the new promise is settled when the handler runs.
+    template <class U, class R, class Callable>
+    Promise<U> chainThenLater(const DispatchQueue& queue, Callable callable) const {
+        auto [derived, settler] = detail::SealRef<U>::makePair();
+        addHandler<detail::Outcomes::any>(
+            queue, [settler = std::move(settler), callable = std::move(callable)](
+                       const Resolution<T>& resolution) mutable noexcept {
+                detail::settleThen<U, R>(settler, resolution, callable);
+            });
+        return Promise<U>(std::move(derived));
+    }
 
     detail::SealRef<T> seal_;  // never null, never replaced
 };
-
-template <class T>
-Promise<std::vector<typename Promise<T>::Value>> Promise<T>::all(std::vector<Promise> promises) {
-    using Values = std::vector<Value>;
-    if (promises.empty()) {
-        return Promise<Values>::fulfilled(Values{});
-    }
-    auto state = std::make_shared<AllState>();
-    state->values.reserve(promises.size());
-    state->inputs = std::move(promises);
-    Promise<Values> result(detail::SealRef<Values>::make());
-    state->result = detail::SettleTarget<Values>::owning(result.seal_);
-    AllState::walk(state);
-    return result;
-}
-
-template <class T>
-Promise<T> Promise<T>::race(std::vector<Promise> promises) {
-    Promise result(detail::SealRef<T>::make());
-    if (promises.empty()) {
-        return result;
-    }
-    auto runner = std::make_shared<FirstBlockRunner>();
-    auto target = detail::SettleTarget<T>::owning(result.seal_);
-    // Each input is taken out of the vector, so that the winner, if the race is its last
-    // reader, moves its value into the result.
-    for (Promise& promise : promises) {
-        detail::Seal<T>::addReaderHandler(
-            std::move(promise.seal_),
-            [runner, target](const Resolution<T>& resolution, detail::Seal<T>& source,
-                             std::uint32_t held) noexcept {
-                if (!resolution.isCancelled() && runner->decide()) {
-                    target.settle(source.handOn(held));
-                }
-            });
-    }
-    return result;
-}
 
 }  // namespace kel

@@ -17,12 +17,11 @@
 // the last input has settled (so it is asynchronous on `queue` even for an empty list).
 //
 // Thread rules: callable from any thread; inputs may settle on any threads. Each input's outcome
-// is recorded, on the thread that settles it, into a slot of its own, and the group's
-// notification orders every record before the decision, so no lock is needed even when `queue`
-// is concurrent.
+// is recorded, on the thread that settles it, into a slot of its own (detail::JoinSlot), and the
+// group's notification orders every record before the decision, so no lock is needed even when
+// `queue` is concurrent.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -41,57 +40,41 @@ namespace kel {
 
 namespace detail {
 
-// Records the outcome of each input of a tuple join, one slot per input: slot I is written only
-// by input I's handler and read only by the group notification, after every handler has left.
-template <class... Ts>
-struct TupleJoinState {
-    std::tuple<std::optional<ValueOrVoid<Ts>>...> values;
-    std::array<Error, sizeof...(Ts)> errors;
-
-    // The errors that are present, in input order.
-    std::vector<Error> presentErrors() const {
-        std::vector<Error> present;
-        for (const Error& error : errors) {
-            if (error) {
-                present.push_back(error);
-            }
-        }
-        return present;
-    }
+// One input's outcome in a join: its value, its error, or neither (cancelled). Written only by
+// that input's handler, and read only by the group notification, after every handler has left.
+template <class T>
+struct JoinSlot {
+    std::optional<ValueOrVoid<T>> value;
+    Error error;
 };
 
-// Records input I's outcome into its slot. The input is taken over: when the join is its last
-// reader, its value is moved into the slot (see Seal::handOn).
-template <std::size_t I, class State, class T>
-void watchInput(const std::shared_ptr<State>& state, const DispatchGroup& group,
-                Promise<T>&& input) {
+// Records the outcome of `input` into `slot`, an aliasing pointer that keeps the join's whole
+// state alive. The input is taken over: when the join is its last reader, its value is moved
+// into the slot (see Seal::handOn).
+template <class T>
+void record(const DispatchGroup& group, Promise<T>&& input, std::shared_ptr<JoinSlot<T>> slot) {
     group.enter();
     Seal<T>::addReaderHandler(
         PromiseAccess::take(std::move(input)),
-        [state, group](const Resolution<T>& resolution, Seal<T>& source,
-                       std::uint32_t held) noexcept {
+        [slot = std::move(slot), group](const Resolution<T>& resolution, Seal<T>& source,
+                                        std::uint32_t held) noexcept {
             if (resolution.isResolved()) {
-                std::get<I>(state->values).emplace(source.handOn(held).value());
+                slot->value.emplace(source.handOn(held).value());
             } else if (resolution.isRejected()) {
-                state->errors[I] = resolution.error();
+                slot->error = resolution.error();
             }
             group.leave();
         });
 }
 
-// Watches every input and settles the result with decide(state) once all have settled.
-template <class R, class Decide, class... Ts>
-Promise<R> joinTuple(const DispatchQueue& queue, Decide decide, Promise<Ts>... inputs) {
-    using State = TupleJoinState<Ts...>;
-    auto state = std::make_shared<State>();
-    auto result = SealRef<R>::make();
-    DispatchGroup group;
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (watchInput<I>(state, group, std::move(inputs)), ...);
-    }
-    (std::index_sequence_for<Ts...>{});
-    group.notify(queue, [state, target = SettleTarget<R>::owning(result),
-                         decide = std::move(decide)] { target.settle(decide(*state)); });
+// Settles a new promise with decide(slots) on `queue` once every input recorded in `slots` has
+// settled, and returns it.
+template <class R, class Slots, class Decide>
+Promise<R> decideWhenAllRecorded(const DispatchQueue& queue, const DispatchGroup& group,
+                                 std::shared_ptr<Slots> slots, Decide decide) {
+    auto [result, settler] = SealRef<R>::makePair();
+    group.notify(queue, [slots = std::move(slots), target = std::move(settler),
+                         decide = std::move(decide)] { target.settle(decide(*slots)); });
     return PromiseAccess::make(std::move(result));
 }
 
@@ -100,56 +83,63 @@ Resolution<R> rejectedWith(std::vector<Error> errors) {
     return Resolution<R>::rejected(std::make_exception_ptr(WhenError(std::move(errors))));
 }
 
+// The errors present in a tuple join's slots, in input order.
+template <class... Ts>
+std::vector<Error> presentErrors(const std::tuple<JoinSlot<Ts>...>& slots) {
+    std::vector<Error> present;
+    std::apply(
+        [&](const auto&... slot) { ((slot.error ? present.push_back(slot.error) : void()), ...); },
+        slots);
+    return present;
+}
+
+// Records every input into a slot of its own and settles the result with decide(slots).
+template <class R, class Decide, class... Ts>
+Promise<R> joinTuple(const DispatchQueue& queue, Decide decide, Promise<Ts>... inputs) {
+    using Slots = std::tuple<JoinSlot<Ts>...>;
+    auto slots = std::make_shared<Slots>();
+    DispatchGroup group;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (record(group, std::move(inputs),
+                std::shared_ptr<JoinSlot<Ts>>(slots, &std::get<I>(*slots))),
+         ...);
+    }
+    (std::index_sequence_for<Ts...>{});
+    return decideWhenAllRecorded<R>(queue, group, std::move(slots), std::move(decide));
+}
+
 }  // namespace detail
 
 template <class T>
 Promise<std::vector<ValueOrVoid<T>>> when(const DispatchQueue& queue,
                                           std::vector<Promise<T>> promises) {
-    using V = ValueOrVoid<T>;
-    struct State {
-        std::vector<std::optional<V>> values;  // slot i written only by input i's handler
-        std::vector<Error> errors;             // slot i written only by input i's handler
-    };
-    auto state = std::make_shared<State>();
-    state->values.resize(promises.size());
-    state->errors.resize(promises.size());
-    auto result = detail::SealRef<std::vector<V>>::make();
+    using Values = std::vector<ValueOrVoid<T>>;
+    using Slots = std::vector<detail::JoinSlot<T>>;
+    auto slots = std::make_shared<Slots>(promises.size());
     DispatchGroup group;
     for (std::size_t index = 0; index < promises.size(); ++index) {
-        group.enter();
-        detail::Seal<T>::addReaderHandler(
-            detail::PromiseAccess::take(std::move(promises[index])),
-            [state, group, index](const Resolution<T>& resolution, detail::Seal<T>& source,
-                                  std::uint32_t held) noexcept {
-                if (resolution.isResolved()) {
-                    state->values[index].emplace(source.handOn(held).value());
-                } else if (resolution.isRejected()) {
-                    state->errors[index] = resolution.error();
-                }
-                group.leave();
-            });
+        detail::record(group, std::move(promises[index]),
+                       std::shared_ptr<detail::JoinSlot<T>>(slots, &(*slots)[index]));
     }
-    group.notify(queue, [state, result = detail::SettleTarget<std::vector<V>>::owning(result)] {
+    return detail::decideWhenAllRecorded<Values>(queue, group, std::move(slots), [](Slots& slots) {
         std::vector<Error> errors;
-        for (Error& error : state->errors) {
-            if (error) {
-                errors.push_back(std::move(error));
+        for (detail::JoinSlot<T>& slot : slots) {
+            if (slot.error) {
+                errors.push_back(std::move(slot.error));
             }
         }
         if (!errors.empty()) {
-            detail::settle(result, detail::rejectedWith<std::vector<V>>(std::move(errors)));
-            return;
+            return detail::rejectedWith<Values>(std::move(errors));
         }
-        std::vector<V> values;
-        values.reserve(state->values.size());
-        for (std::optional<V>& value : state->values) {
-            if (value) {
-                values.push_back(std::move(*value));
+        Values values;
+        values.reserve(slots.size());
+        for (detail::JoinSlot<T>& slot : slots) {
+            if (slot.value) {
+                values.push_back(std::move(*slot.value));
             }
         }
-        detail::settle(result, Resolution<std::vector<V>>::resolved(std::move(values)));
+        return Resolution<Values>::resolved(std::move(values));
     });
-    return detail::PromiseAccess::make(std::move(result));
 }
 
 template <class T>
@@ -164,12 +154,12 @@ Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>> when(const DispatchQueue& qu
     using R = std::tuple<ValueOrVoid<A>, ValueOrVoid<B>>;
     return detail::joinTuple<R>(
         queue,
-        [](detail::TupleJoinState<A, B>& s) {
-            auto& [va, vb] = s.values;
-            if (va && vb) {
-                return Resolution<R>::resolved(R(std::move(*va), std::move(*vb)));
+        [](std::tuple<detail::JoinSlot<A>, detail::JoinSlot<B>>& slots) {
+            auto& [a, b] = slots;
+            if (a.value && b.value) {
+                return Resolution<R>::resolved(R(std::move(*a.value), std::move(*b.value)));
             }
-            return detail::rejectedWith<R>(s.presentErrors());
+            return detail::rejectedWith<R>(detail::presentErrors(slots));
         },
         std::move(a), std::move(b));
 }
@@ -181,12 +171,13 @@ Promise<std::tuple<ValueOrVoid<A>, ValueOrVoid<B>, ValueOrVoid<C>>> when(const D
     using R = std::tuple<ValueOrVoid<A>, ValueOrVoid<B>, ValueOrVoid<C>>;
     return detail::joinTuple<R>(
         queue,
-        [](detail::TupleJoinState<A, B, C>& s) {
-            auto& [va, vb, vc] = s.values;
-            if (va && vb && vc) {
-                return Resolution<R>::resolved(R(std::move(*va), std::move(*vb), std::move(*vc)));
+        [](std::tuple<detail::JoinSlot<A>, detail::JoinSlot<B>, detail::JoinSlot<C>>& slots) {
+            auto& [a, b, c] = slots;
+            if (a.value && b.value && c.value) {
+                return Resolution<R>::resolved(
+                    R(std::move(*a.value), std::move(*b.value), std::move(*c.value)));
             }
-            return detail::rejectedWith<R>(s.presentErrors());
+            return detail::rejectedWith<R>(detail::presentErrors(slots));
         },
         std::move(a), std::move(b), std::move(c));
 }
@@ -197,12 +188,12 @@ Promise<std::tuple<std::optional<ValueOrVoid<A>>, std::optional<ValueOrVoid<B>>>
     using R = std::tuple<std::optional<ValueOrVoid<A>>, std::optional<ValueOrVoid<B>>>;
     return detail::joinTuple<R>(
         queue,
-        [](detail::TupleJoinState<A, B>& s) {
-            auto& [va, vb] = s.values;
-            if (va || vb) {
-                return Resolution<R>::resolved(R(std::move(va), std::move(vb)));
+        [](std::tuple<detail::JoinSlot<A>, detail::JoinSlot<B>>& slots) {
+            auto& [a, b] = slots;
+            if (a.value || b.value) {
+                return Resolution<R>::resolved(R(std::move(a.value), std::move(b.value)));
             }
-            return detail::rejectedWith<R>(s.presentErrors());
+            return detail::rejectedWith<R>(detail::presentErrors(slots));
         },
         std::move(a), std::move(b));
 }
@@ -213,12 +204,12 @@ Promise<std::tuple<ValueOrVoid<A>, std::optional<ValueOrVoid<B>>>> whenFirst(
     using R = std::tuple<ValueOrVoid<A>, std::optional<ValueOrVoid<B>>>;
     return detail::joinTuple<R>(
         queue,
-        [](detail::TupleJoinState<A, B>& s) {
-            auto& [va, vb] = s.values;
-            if (va) {
-                return Resolution<R>::resolved(R(std::move(*va), std::move(vb)));
+        [](std::tuple<detail::JoinSlot<A>, detail::JoinSlot<B>>& slots) {
+            auto& [a, b] = slots;
+            if (a.value) {
+                return Resolution<R>::resolved(R(std::move(*a.value), std::move(b.value)));
             }
-            return detail::rejectedWith<R>(s.presentErrors());
+            return detail::rejectedWith<R>(detail::presentErrors(slots));
         },
         std::move(a), std::move(b));
 }

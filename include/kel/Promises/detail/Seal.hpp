@@ -12,6 +12,10 @@
 // no lock: an atomic flag, set under the lock before any handler runs, publishes it. (Its last
 // reader may move the value out, under the lock, when no one else can read it any more.)
 //
+// Only a SettleTarget settles a seal, and SettleTargets are made only together with a new seal
+// (SealRef::makePair) or lent by the promise that creates one: whoever can read or watch a
+// promise cannot settle it unless its creator handed out a settle callable.
+//
 // Thread rules: settle, addHandler and addReaderHandler may be called from any thread,
 // concurrently; exactly one settlement wins, and each handler runs exactly once. A handler runs
 // under the seal's lock, so it must not settle or register on the same seal.
@@ -36,9 +40,14 @@
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 #include "kel/Promises/Resolution.hpp"
-#include "kel/Promises/SealAllocator.hpp"
+#include "kel/Promises/detail/SealAllocator.hpp"
 
-namespace kel::detail {
+namespace kel {
+
+template <class T>
+class Promise;
+
+namespace detail {
 
 template <class T>
 class Seal;
@@ -171,6 +180,9 @@ class Seal {
         }
     }
 
+  private:
+    friend class SettleTarget<T>;
+
     // Settles the seal unless it is already resolved, then runs the stored handlers in
     // registration order. The caller holds a reference for the duration of the call.
     void settle(Resolution<T>&& resolution) {
@@ -203,6 +215,7 @@ class Seal {
         std::vector<SealHandler<T>>().swap(more_);
     }
 
+  public:
     // Calls `handler` at once (under the lock) if the seal is resolved, otherwise stores it.
     template <class H>
     void addHandler(H&& handler) {
@@ -285,7 +298,7 @@ class SealRef {
     }
 
     // A new pending seal owned by a promise and by the settler that settles it, without an
-    // atomic increment for the second.
+    // atomic increment for the second. The one way to get a settler of a seal of one's own.
     static std::pair<SealRef, SettleTarget<T>> makePair();
 
     // Another reference to a seal the caller already holds one to.
@@ -333,14 +346,6 @@ class SealRef {
 template <class T>
 class SettleTarget {
   public:
-    static SettleTarget borrowing(Seal<T>& seal) noexcept { return SettleTarget(&seal, false); }
-    static SettleTarget owning(const SealRef<T>& seal) noexcept {
-        seal->retain(Seal<T>::settlerReference);
-        return SettleTarget(seal.get(), true);
-    }
-    // Takes over a settler's reference that the caller already counted.
-    static SettleTarget adopting(Seal<T>& seal) noexcept { return SettleTarget(&seal, true); }
-
     SettleTarget() noexcept : seal_(nullptr), owns_(false) {}
     SettleTarget(const SettleTarget& other) noexcept : seal_(other.seal_), owns_(seal_ != nullptr) {
         if (owns_) {
@@ -372,6 +377,15 @@ class SettleTarget {
     }
 
   private:
+    friend class SealRef<T>;
+    friend class kel::Promise<T>;
+
+    // A target that borrows the reference of the promise creating the seal, for the settle
+    // callables it lends to its constructor's body.
+    static SettleTarget borrowing(Seal<T>& seal) noexcept { return SettleTarget(&seal, false); }
+    // Takes over a settler's reference that the caller already counted.
+    static SettleTarget adopting(Seal<T>& seal) noexcept { return SettleTarget(&seal, true); }
+
     SettleTarget(Seal<T>* seal, bool owns) noexcept : seal_(seal), owns_(owns) {}
 
     Seal<T>* seal_;
@@ -420,4 +434,5 @@ void Seal<T>::addReaderHandler(SealRef<T> reader, H&& handler) {
     }
 }
 
-}  // namespace kel::detail
+}  // namespace detail
+}  // namespace kel
