@@ -10,16 +10,20 @@
 #include <source_location>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-[[noreturn]] void fatalError(std::string_view message,
+[[noreturn]] KEL_EXPORT void fatalError(std::string_view message,
                              std::source_location location = std::source_location::current());
 
-namespace detail {
-[[noreturn]] void preconditionFailed(
+// The library's runtime entry points: called by inline code of the headers (here, the
+// KEL_PRECONDITION macro), exported, not for direct use.
+namespace runtime {
+[[noreturn]] KEL_EXPORT void preconditionFailed(
     const char* condition, std::string_view message = {},
     std::source_location location = std::source_location::current());
-}  // namespace detail
+}  // namespace runtime
 
 }  // namespace kel
 
@@ -28,6 +32,6 @@ namespace detail {
 #define KEL_PRECONDITION(condition, ...)                                             \
     do {                                                                             \
         if (!(condition)) [[unlikely]] {                                             \
-            ::kel::detail::preconditionFailed(#condition __VA_OPT__(, __VA_ARGS__)); \
+            ::kel::runtime::preconditionFailed(#condition __VA_OPT__(, __VA_ARGS__)); \
         }                                                                            \
     } while (false)

@@ -11,12 +11,14 @@
 #include <chrono>
 #include <functional>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 // True on the process's initial thread.
-bool isMainThread() noexcept;
+KEL_EXPORT bool isMainThread() noexcept;
 
-class RunLoop {
+class KEL_EXPORT RunLoop {
   public:
     // Runs main-queue work until stop() is called.
     static void run();
