@@ -16,7 +16,8 @@ namespace kel {
 
 enum class AsyncOperationErrorCase : unsigned char { cancelled };
 
-class KEL_EXPORT AsyncOperationError : public CaseError<AsyncOperationError, AsyncOperationErrorCase> {
+class KEL_EXPORT AsyncOperationError
+    : public CaseError<AsyncOperationError, AsyncOperationErrorCase> {
   public:
     using CaseError::CaseError;
 

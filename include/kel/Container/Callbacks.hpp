@@ -245,10 +245,10 @@ class KEL_EXPORT CallbackInstanceBridgedDefinition final : public CallbackInstan
         : publicContainer_(std::move(publicContainer)),
           callbackRegistration_(std::move(callbackRegistration)) {}
 
-    KEL_NO_EXPORT void registerInstance(const std::shared_ptr<CallbackStore>& store,
-                          const detail::AnyInstance& instance,
-                          const std::shared_ptr<Object>& object,
-                          const std::shared_ptr<Container>& privateContainer) override;
+    KEL_NO_EXPORT void registerInstance(
+        const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance,
+        const std::shared_ptr<Object>& object,
+        const std::shared_ptr<Container>& privateContainer) override;
 
   private:
     std::weak_ptr<Container> publicContainer_;

@@ -97,21 +97,24 @@ class KEL_EXPORT Container : public std::enable_shared_from_this<Container> {
 
     explicit Container(Private);
     KEL_NO_EXPORT Container(Private, Environment environment, detail::DefinitionIndex definitions,
-              std::shared_ptr<Pool> pool,
-              std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
-              std::shared_ptr<CallbackStore> callbackStore);
+                            std::shared_ptr<Pool> pool,
+                            std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
+                            std::shared_ptr<CallbackStore> callbackStore);
 
   private:
     void indexLazyDefinitions();
-    KEL_NO_EXPORT detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
-                                    const ProxyResolver& resolver,
-                                    const std::shared_ptr<Context>& context, Pool& pool);
+    KEL_NO_EXPORT detail::AnyInstance scopedBuild(
+        const std::shared_ptr<detail::DefinitionCore>& entry, const ProxyResolver& resolver,
+        const std::shared_ptr<Context>& context, Pool& pool);
     KEL_NO_EXPORT void configureAndFire(const detail::DefinitionCore& definition,
-                          const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
-                          const std::shared_ptr<Context>& context);
-    KEL_NO_EXPORT void fireCallbacks(const CallbackStore& store, const detail::DefinitionCore& definition,
-                       const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
-                       const std::shared_ptr<Context>& context);
+                                        const detail::AnyInstance& instance,
+                                        const ProxyResolver& buildResolver,
+                                        const std::shared_ptr<Context>& context);
+    KEL_NO_EXPORT void fireCallbacks(const CallbackStore& store,
+                                     const detail::DefinitionCore& definition,
+                                     const detail::AnyInstance& instance,
+                                     const ProxyResolver& buildResolver,
+                                     const std::shared_ptr<Context>& context);
 
     detail::DefinitionIndex definitions_;
     std::shared_ptr<Pool> pool_;

@@ -54,7 +54,8 @@ class KEL_EXPORT ZFInMemoryContext final : public Object, public ZFContext {
 };
 
 // Hands each instance it is told about to its hooks, in the order they were added.
-class KEL_EXPORT ZFInMemoryCallbackRegistration final : public Object, public ZFCallbackRegistration {
+class KEL_EXPORT ZFInMemoryCallbackRegistration final : public Object,
+                                                        public ZFCallbackRegistration {
   public:
     using Hook = std::function<void(const std::shared_ptr<Object>&, CallbackRegistrationType&)>;
 
@@ -73,11 +74,12 @@ class KEL_EXPORT ZFInMemoryCallbackRegistration final : public Object, public ZF
     std::vector<Hook> hooks_;
 };
 
-class KEL_EXPORT ZFInMemoryRegistry final : public Object,
-                                 public ZFContainerRegistry,
-                                 public ZFRegistrationContainer,
-                                 public ZFResolver,
-                                 public std::enable_shared_from_this<ZFInMemoryRegistry> {
+class KEL_EXPORT ZFInMemoryRegistry final
+    : public Object,
+      public ZFContainerRegistry,
+      public ZFRegistrationContainer,
+      public ZFResolver,
+      public std::enable_shared_from_this<ZFInMemoryRegistry> {
   public:
     static std::shared_ptr<ZFInMemoryRegistry> make();
 

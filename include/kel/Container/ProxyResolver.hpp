@@ -50,8 +50,9 @@ class KEL_EXPORT ProxyResolver final : public ResolverType {
     std::shared_ptr<ResolverType> currentObjectGraphResolver(
         ZFObjectGraphTrait trait) const override;
 
-    KEL_NO_EXPORT detail::AnyInstance resolveInstance(const Key& key, const runtime::ClassForm* classForm,
-                                        const detail::ContextBlock* block) const override;
+    KEL_NO_EXPORT detail::AnyInstance resolveInstance(
+        const Key& key, const runtime::ClassForm* classForm,
+        const detail::ContextBlock* block) const override;
 
     // Describes, as text, where resolving T under `name` would look (public, private and, for
     // class types, bridged), the key it forms, and the registrations of T under other names or
@@ -63,8 +64,9 @@ class KEL_EXPORT ProxyResolver final : public ResolverType {
 
   private:
     // Asks the bridged side (which this resolver has) for `key`, as described above.
-    KEL_NO_EXPORT detail::AnyInstance resolveBridged(const Key& key, const runtime::ClassForm& classForm,
-                                       const std::shared_ptr<Context>& context) const;
+    KEL_NO_EXPORT detail::AnyInstance resolveBridged(const Key& key,
+                                                     const runtime::ClassForm& classForm,
+                                                     const std::shared_ptr<Context>& context) const;
     std::string explainKey(const Key& key, const runtime::ClassForm* classForm) const;
 
     std::shared_ptr<ZFResolver> objc_;

@@ -58,13 +58,13 @@ template <class T>
 const runtime::ClassForm* classFormOf() {
     if constexpr (ClassObject<T>) {
         using U = typename ClassObjectTraits<T>::Class;
-        static constexpr runtime::ClassForm form{&kel::bridgedKey<U>,
-                                        [](const std::shared_ptr<Object>& object) -> AnyInstance {
-                                            if (auto typed = std::dynamic_pointer_cast<U>(object)) {
-                                                return AnyInstance::make<T>(std::move(typed));
-                                            }
-                                            return {};
-                                        }};
+        static constexpr runtime::ClassForm form{
+            &kel::bridgedKey<U>, [](const std::shared_ptr<Object>& object) -> AnyInstance {
+                if (auto typed = std::dynamic_pointer_cast<U>(object)) {
+                    return AnyInstance::make<T>(std::move(typed));
+                }
+                return {};
+            }};
         return &form;
     } else {
         return nullptr;

@@ -35,7 +35,7 @@ KEL_EXPORT std::string gregorianLongDisplayString(std::chrono::system_clock::tim
 // The phrase for `date` relative to a given `now`, for callers that render many dates against
 // one moment.
 KEL_EXPORT std::string gregorianDisplayString(std::chrono::system_clock::time_point date,
-                                   RelativeDateStyle style,
-                                   std::chrono::system_clock::time_point now);
+                                              RelativeDateStyle style,
+                                              std::chrono::system_clock::time_point now);
 
 }  // namespace kel

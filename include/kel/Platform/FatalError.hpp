@@ -14,8 +14,8 @@
 
 namespace kel {
 
-[[noreturn]] KEL_EXPORT void fatalError(std::string_view message,
-                             std::source_location location = std::source_location::current());
+[[noreturn]] KEL_EXPORT void fatalError(
+    std::string_view message, std::source_location location = std::source_location::current());
 
 // The library's runtime entry points: called by inline code of the headers (here, the
 // KEL_PRECONDITION macro), exported, not for direct use.
@@ -29,9 +29,9 @@ namespace runtime {
 
 // Stops the process with "<message>" (or "Precondition failed: <condition>" when no message is
 // given) when the condition is false. Always checked, also in release builds.
-#define KEL_PRECONDITION(condition, ...)                                             \
-    do {                                                                             \
-        if (!(condition)) [[unlikely]] {                                             \
+#define KEL_PRECONDITION(condition, ...)                                              \
+    do {                                                                              \
+        if (!(condition)) [[unlikely]] {                                              \
             ::kel::runtime::preconditionFailed(#condition __VA_OPT__(, __VA_ARGS__)); \
-        }                                                                            \
+        }                                                                             \
     } while (false)

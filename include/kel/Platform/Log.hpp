@@ -76,8 +76,9 @@ struct KEL_EXPORT LogRecord {
 // its argument and treats it as private, so later arguments never shift into other places.
 // Control characters in arguments are escaped ("\n" reads as a backslash and "n"), so an
 // argument cannot start a second log line.
-KEL_EXPORT std::string renderLogMessage(std::string_view format, const std::vector<LogArgument>& arguments,
-                             bool redactPrivate);
+KEL_EXPORT std::string renderLogMessage(std::string_view format,
+                                        const std::vector<LogArgument>& arguments,
+                                        bool redactPrivate);
 
 class KEL_EXPORT LogSink {
   public:

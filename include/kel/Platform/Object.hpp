@@ -57,8 +57,7 @@ class KEL_EXPORT Object {
     static AssociatedValue associatedValue(const Object& object, std::uint64_t key);
     // Stores `value` under `key`; an empty value (no strong and no weak reference) removes it.
     // The value replaced is released after the table's lock.
-    static void setAssociatedValue(const Object& object, std::uint64_t key,
-                                   AssociatedValue value);
+    static void setAssociatedValue(const Object& object, std::uint64_t key, AssociatedValue value);
 
     // Null until the first associated value is stored; set once, then owned by the object.
     mutable std::atomic<detail::AssociationTable*> associations_{nullptr};

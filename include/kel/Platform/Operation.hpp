@@ -49,8 +49,8 @@ struct QueueLink {
 }  // namespace detail
 
 class KEL_EXPORT Operation : public KeyValueObservable,
-                  public Cancellable,
-                  public std::enable_shared_from_this<Operation> {
+                             public Cancellable,
+                             public std::enable_shared_from_this<Operation> {
   public:
     // The observable keys of an operation.
     static constexpr std::string_view isReadyKey = "isReady";

@@ -35,14 +35,15 @@ class URLSessionCore;
 }
 
 class KEL_EXPORT URLSessionTask final : public Cancellable,
-                             public std::enable_shared_from_this<URLSessionTask> {
+                                        public std::enable_shared_from_this<URLSessionTask> {
   public:
     enum class State { running, suspended, canceling, completed };
     using CompletionHandler = std::function<void(
         std::optional<Data> data, std::shared_ptr<const URLResponse> response, Error error)>;
 
-    KEL_NO_EXPORT URLSessionTask(std::shared_ptr<detail::URLSessionCore> core, std::uint64_t identifier,
-                   URLRequest request, CompletionHandler completion);
+    KEL_NO_EXPORT URLSessionTask(std::shared_ptr<detail::URLSessionCore> core,
+                                 std::uint64_t identifier, URLRequest request,
+                                 CompletionHandler completion);
     URLSessionTask(const URLSessionTask&) = delete;
     URLSessionTask& operator=(const URLSessionTask&) = delete;
 

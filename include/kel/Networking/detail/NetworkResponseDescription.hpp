@@ -15,7 +15,8 @@ namespace kel::runtime {
 
 // "size=<bytes>" and, with metrics, ", queued=<Q>ms, ttfb=<T>ms, total=<N>ms" (or ", total=" and
 // the task interval's description when the first transaction lacks one of its dates).
-KEL_EXPORT std::string networkResponseDescription(std::size_t byteCount, const URLSessionTaskMetrics* metrics);
+KEL_EXPORT std::string networkResponseDescription(std::size_t byteCount,
+                                                  const URLSessionTaskMetrics* metrics);
 
 // The body as an optional text would print: Optional("<text, escaped>"), or nil when the bytes
 // are not valid UTF-8.
