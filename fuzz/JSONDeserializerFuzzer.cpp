@@ -18,6 +18,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const nlohmann::json::exception&) {
         // The decoder's errors are the expected outcome of bad input.
     }
-    (void)kel::detail::optionalUTF8Description(bytes);
+    (void)kel::runtime::optionalUTF8Description(bytes);
     return 0;
 }

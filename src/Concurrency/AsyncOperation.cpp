@@ -5,7 +5,7 @@
 
 #include "kel/Platform/SecureRandom.hpp"
 
-namespace kel::detail {
+namespace kel::runtime {
 
 std::string makeOperationID() {
     static constexpr char alphabet[] = "ABCDEF0123456789";
@@ -23,4 +23,4 @@ std::string makeOperationID() {
     return id;
 }
 
-}  // namespace kel::detail
+}  // namespace kel::runtime

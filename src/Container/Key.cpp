@@ -10,7 +10,7 @@
 #include <unordered_set>
 
 namespace kel {
-namespace detail {
+namespace runtime {
 
 const char* internTypeName(const char* mangledName) {
     // One table for the process: every shared object that asks for a type's word reaches this
@@ -30,10 +30,10 @@ std::string demangle(const char* mangledName) {
     return status == 0 && readable ? std::string(readable.get()) : std::string(mangledName);
 }
 
-}  // namespace detail
+}  // namespace runtime
 
 std::string Key::description() const {
-    std::string text = detail::demangle(reinterpret_cast<const char*>(addr));
+    std::string text = runtime::demangle(reinterpret_cast<const char*>(addr));
     if (namespace_) {
         text += " (name: \"" + *namespace_ + "\")";
     }

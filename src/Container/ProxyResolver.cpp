@@ -28,7 +28,7 @@ std::shared_ptr<ResolverType> ProxyResolver::currentObjectGraphResolver(
 }
 
 detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
-                                                   const detail::ClassForm* classForm,
+                                                   const runtime::ClassForm* classForm,
                                                    const detail::ContextBlock* block) const {
     if (block == nullptr) {
         // The common case: no override block, so no fresh context and no merge.
@@ -69,7 +69,7 @@ detail::AnyInstance ProxyResolver::resolveInstance(const Key& key,
 }
 
 detail::AnyInstance ProxyResolver::resolveBridged(const Key& key,
-                                                  const detail::ClassForm& classForm,
+                                                  const runtime::ClassForm& classForm,
                                                   const std::shared_ptr<Context>& context) const {
     std::shared_ptr<Object> answer;
     DomainError error("", 0);
@@ -126,7 +126,7 @@ std::string describeNames(const std::vector<std::optional<std::string>>& names, 
 
 }  // namespace
 
-std::string ProxyResolver::explainKey(const Key& key, const detail::ClassForm* classForm) const {
+std::string ProxyResolver::explainKey(const Key& key, const runtime::ClassForm* classForm) const {
     std::ostringstream text;
     char word[32];
     std::snprintf(word, sizeof word, "%#zx", static_cast<std::size_t>(key.addr));

@@ -1,6 +1,6 @@
 #include "kel/Extensions/Array.hpp"
 
-namespace kel::detail {
+namespace kel::runtime {
 
 std::mt19937_64& threadRandomEngine() {
     thread_local std::mt19937_64 engine = [] {
@@ -11,4 +11,4 @@ std::mt19937_64& threadRandomEngine() {
     return engine;
 }
 
-}  // namespace kel::detail
+}  // namespace kel::runtime

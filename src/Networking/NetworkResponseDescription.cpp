@@ -4,7 +4,7 @@
 
 #include "kel/Platform/ByteCountFormatter.hpp"
 
-namespace kel::detail {
+namespace kel::runtime {
 
 namespace {
 
@@ -96,4 +96,4 @@ std::string optionalUTF8Description(std::span<const std::uint8_t> bytes) {
     return text + "\")";
 }
 
-}  // namespace kel::detail
+}  // namespace kel::runtime

@@ -7,7 +7,7 @@
 
 #include "kel/Platform/FatalError.hpp"
 
-namespace kel::detail {
+namespace kel::runtime {
 
 namespace {
 
@@ -45,4 +45,4 @@ std::filesystem::path documentsDirectory() {
     return std::filesystem::path(*home) / "Documents";
 }
 
-}  // namespace kel::detail
+}  // namespace kel::runtime

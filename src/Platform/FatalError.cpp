@@ -20,7 +20,7 @@ void fatalError(std::string_view message, std::source_location location) {
     std::abort();
 }
 
-namespace detail {
+namespace runtime {
 
 void preconditionFailed(const char* condition, std::string_view message,
                         std::source_location location) {
@@ -30,5 +30,5 @@ void preconditionFailed(const char* condition, std::string_view message,
     fatalError(message, location);
 }
 
-}  // namespace detail
+}  // namespace runtime
 }  // namespace kel

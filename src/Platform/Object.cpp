@@ -16,7 +16,7 @@ class AssociationTable {
   public:
     struct Entry {
         std::uint64_t key;
-        AssociatedValue value;
+        Object::AssociatedValue value;
     };
 
     UnfairLock lock{UnfairLock::Options::dataSynchronization};
@@ -26,25 +26,23 @@ class AssociationTable {
         return std::find_if(entries.begin(), entries.end(),
                             [key](const Entry& entry) { return entry.key == key; });
     }
+
+    static bool isEmpty(const Object::AssociatedValue& value) {
+        // A weak reference that never pointed anywhere and one whose object is gone look
+        // alike; both mean no value.
+        return value.strong == nullptr && value.weak.expired();
+    }
 };
 
-namespace {
+}  // namespace detail
 
-bool isEmpty(const AssociatedValue& value) {
-    // A weak reference that never pointed anywhere and one whose object is gone look alike;
-    // both mean no value.
-    return value.strong == nullptr && value.weak.expired();
-}
-
-}  // namespace
-
-std::uint64_t ObjectAssociations::newKey() noexcept {
+std::uint64_t Object::newAssociationKey() noexcept {
     static std::atomic<std::uint64_t> lastKey{0};
     return lastKey.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-AssociatedValue ObjectAssociations::get(const Object& object, std::uint64_t key) {
-    AssociationTable* table = object.associations_.load(std::memory_order_acquire);
+Object::AssociatedValue Object::associatedValue(const Object& object, std::uint64_t key) {
+    detail::AssociationTable* table = object.associations_.load(std::memory_order_acquire);
     if (table == nullptr) {
         return {};
     }
@@ -53,13 +51,13 @@ AssociatedValue ObjectAssociations::get(const Object& object, std::uint64_t key)
     return entry == table->entries.end() ? AssociatedValue{} : entry->value;
 }
 
-void ObjectAssociations::set(const Object& object, std::uint64_t key, AssociatedValue value) {
-    AssociationTable* table = object.associations_.load(std::memory_order_acquire);
+void Object::setAssociatedValue(const Object& object, std::uint64_t key, AssociatedValue value) {
+    detail::AssociationTable* table = object.associations_.load(std::memory_order_acquire);
     if (table == nullptr) {
-        if (isEmpty(value)) {
+        if (detail::AssociationTable::isEmpty(value)) {
             return;
         }
-        auto made = std::make_unique<AssociationTable>();
+        auto made = std::make_unique<detail::AssociationTable>();
         if (object.associations_.compare_exchange_strong(
                 table, made.get(), std::memory_order_acq_rel, std::memory_order_acquire)) {
             table = made.release();
@@ -71,16 +69,14 @@ void ObjectAssociations::set(const Object& object, std::uint64_t key, Associated
         auto entry = table->find(key);
         if (entry != table->entries.end()) {
             replaced = std::exchange(entry->value, std::move(value));
-            if (isEmpty(entry->value)) {
+            if (detail::AssociationTable::isEmpty(entry->value)) {
                 table->entries.erase(entry);
             }
-        } else if (!isEmpty(value)) {
+        } else if (!detail::AssociationTable::isEmpty(value)) {
             table->entries.push_back({key, std::move(value)});
         }
     }
 }
-
-}  // namespace detail
 
 Object::~Object() {
     delete associations_.load(std::memory_order_acquire);

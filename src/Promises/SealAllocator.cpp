@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <new>
 
-namespace kel::detail {
+namespace kel::runtime {
 namespace {
 
 // Sanitizers see the blocks come and go: AddressSanitizer reports a use after free, and
@@ -95,4 +95,4 @@ void SealAllocator::deallocate(void* block, std::size_t size) noexcept {
     ++cache.counts[index];
 }
 
-}  // namespace kel::detail
+}  // namespace kel::runtime

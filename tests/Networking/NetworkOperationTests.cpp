@@ -304,14 +304,14 @@ TEST(NetworkResponseDescription, WithoutMetricsOrWithIncompleteOnes) {
     kel::URLSessionTaskMetrics metrics;
     metrics.taskInterval = {kel::Date(std::chrono::seconds(1'700'000'000)),
                             std::chrono::duration<double>(2.5)};
-    EXPECT_EQ(kel::detail::networkResponseDescription(1500, &metrics),
+    EXPECT_EQ(kel::runtime::networkResponseDescription(1500, &metrics),
               "size=2 KB, total=2023-11-14 22:13:20 +0000 to 2023-11-14 22:13:22 +0000");
     kel::URLSessionTaskTransactionMetrics transaction;
     transaction.fetchStartDate = metrics.taskInterval.start + std::chrono::microseconds(1999);
     transaction.requestStartDate = metrics.taskInterval.start + std::chrono::milliseconds(5);
     transaction.responseStartDate = metrics.taskInterval.start + std::chrono::microseconds(17'900);
     metrics.transactionMetrics.push_back(transaction);
-    EXPECT_EQ(kel::detail::networkResponseDescription(1500, &metrics),
+    EXPECT_EQ(kel::runtime::networkResponseDescription(1500, &metrics),
               "size=2 KB, queued=1ms, ttfb=12ms, total=2500ms");
 }
 

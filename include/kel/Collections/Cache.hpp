@@ -25,6 +25,24 @@
 //
 // Ownership: a reference type, non-copyable; make it with Cache::make (std::make_shared), as
 // the promises returned by read and write may outlive the caller's scope.
+//
+// Example:
+//
+//     auto prices = kel::Cache<std::string, double>::make();
+//     prices->set("EUR", 1.08);
+//     std::optional<double> any = prices->get("EUR");           // whatever its age
+//     std::optional<double> recent = prices->get("EUR", 60.0);  // stored at most 60 s ago
+//     prices->write({{"USD", 1.0}, {"GBP", 1.27}})
+//         .then(kel::zalgo(), [](const auto& written) { /* both pairs are stored */ });
+//
+// Guarantees: every member takes the one lock, so the members are linearisable. A read sees
+// the latest write that completed before it began (set, remove, += and write are complete when
+// they return), and everything the writing thread did before that write happens-before the
+// read that returns its value. A multi-key write (+= or write) is all-or-nothing: no read sees
+// part of it. A multi-key read takes one snapshot under one lock. Time stamps come from the
+// clock before the lock is taken, so two concurrent sets of one key are stored in lock order
+// and the later stored wins even if its stamp is older. The promises of read and write are
+// fulfilled before they are returned.
 #pragma once
 
 #include "kel/Concurrency/UnfairLock.hpp"

@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/CaseError.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/UUID.hpp"
@@ -38,7 +39,7 @@ namespace kel {
 // AsyncObjectApplicator<Object, Value>::Errors.
 enum class AsyncObjectApplicatorErrorsCase : unsigned char { cancelled };
 
-class AsyncObjectApplicatorErrors
+class KEL_EXPORT AsyncObjectApplicatorErrors
     : public CaseError<AsyncObjectApplicatorErrors, AsyncObjectApplicatorErrorsCase> {
   public:
     using CaseError::CaseError;

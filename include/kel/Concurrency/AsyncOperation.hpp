@@ -34,16 +34,17 @@
 #include <vector>
 
 #include "kel/Concurrency/AsyncOperationError.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/Operation.hpp"
 #include "kel/Promises/Promise.hpp"
 #include "kel/Promises/Result.hpp"
 
 namespace kel {
 
-namespace detail {
+namespace runtime {
 // 16 characters, each drawn uniformly from "ABCDEF0123456789".
-std::string makeOperationID();
-}  // namespace detail
+KEL_EXPORT std::string makeOperationID();
+}  // namespace runtime
 
 template <class T>
 class AsyncOperation : public Operation {
@@ -51,7 +52,7 @@ class AsyncOperation : public Operation {
     using Value = T;
     using CompletionHandler = std::function<void(Result<T>)>;
 
-    AsyncOperation() : operationID_(detail::makeOperationID()) {}
+    AsyncOperation() : operationID_(runtime::makeOperationID()) {}
 
     const std::string& operationID() const noexcept { return operationID_; }
 

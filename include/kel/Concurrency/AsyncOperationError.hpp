@@ -9,13 +9,15 @@
 // Thread rules: a value type; copies may travel to any thread.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/CaseError.hpp"
 
 namespace kel {
 
 enum class AsyncOperationErrorCase : unsigned char { cancelled };
 
-class AsyncOperationError : public CaseError<AsyncOperationError, AsyncOperationErrorCase> {
+class KEL_EXPORT AsyncOperationError
+    : public CaseError<AsyncOperationError, AsyncOperationErrorCase> {
   public:
     using CaseError::CaseError;
 

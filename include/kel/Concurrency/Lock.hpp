@@ -15,9 +15,11 @@
 
 #include <utility>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class Lock {
+class KEL_EXPORT Lock {
   public:
     Lock() = default;
     Lock(const Lock&) = delete;

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "kel/Concurrency/Lock.hpp"
+#include "kel/Export.hpp"
 
 #include <pthread.h>
 
@@ -33,7 +34,7 @@
 
 namespace kel {
 
-class MutexLock final : public Lock {
+class KEL_EXPORT MutexLock final : public Lock {
   public:
     MutexLock() noexcept {
         std::memset(&mutex_, 0, sizeof mutex_);

@@ -36,7 +36,7 @@ template <class T>
 class ObjectAssociation {
   public:
     explicit ObjectAssociation(AssociationPolicy policy)
-        : policy_(policy), key_(detail::ObjectAssociations::newKey()) {
+        : policy_(policy), key_(Object::newAssociationKey()) {
         KEL_PRECONDITION(policy != AssociationPolicy::weak || isSharedPointer,
                          "ObjectAssociation: the weak policy needs a std::shared_ptr type");
     }
@@ -47,7 +47,7 @@ class ObjectAssociation {
 
     // The value `object` holds under this association, or std::nullopt.
     std::optional<T> get(const Object& object) const {
-        detail::AssociatedValue stored = detail::ObjectAssociations::get(object, key_);
+        Object::AssociatedValue stored = Object::associatedValue(object, key_);
         if constexpr (isSharedPointer) {
             using Pointee = typename T::element_type;
             std::shared_ptr<void> pointer =
@@ -67,7 +67,7 @@ class ObjectAssociation {
     // Stores `value` on `object` under this association with its policy; std::nullopt (or a
     // null pointer) removes it.
     void set(const Object& object, std::optional<T> value) const {
-        detail::ObjectAssociations::set(object, key_, erase(std::move(value)));
+        Object::setAssociatedValue(object, key_, erase(std::move(value)));
     }
 
   private:
@@ -77,8 +77,8 @@ class ObjectAssociation {
     struct IsSharedPointer<std::shared_ptr<U>> : std::true_type {};
     static constexpr bool isSharedPointer = IsSharedPointer<T>::value;
 
-    detail::AssociatedValue erase(std::optional<T> value) const {
-        detail::AssociatedValue stored;
+    Object::AssociatedValue erase(std::optional<T> value) const {
+        Object::AssociatedValue stored;
         if (!value) {
             return stored;
         }

@@ -18,6 +18,7 @@
 // Ownership: shared-owned (std::make_shared); each pending job keeps the group alive.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/InlineFunction.hpp"
@@ -25,7 +26,7 @@
 
 namespace kel {
 
-class SynchronizerType {
+class KEL_EXPORT SynchronizerType {
   public:
     // Move-only, called once: it may capture move-only state.
     using Job = InlineFunction<Promise<void>(), 3 * sizeof(void*)>;
@@ -35,7 +36,7 @@ class SynchronizerType {
     virtual Promise<void> synchronize(const DispatchQueue& queue, Job closure) = 0;
 };
 
-class Synchronizer final : public SynchronizerType {
+class KEL_EXPORT Synchronizer final : public SynchronizerType {
   public:
     Synchronizer() = default;
     Synchronizer(const Synchronizer&) = delete;

@@ -21,6 +21,25 @@
 // Thread rules: every operation may be called from any thread.
 // Ownership: shared-owned (std::make_shared); the scheduler owns its queues. Queued work keeps
 // its queue alive, so releasing a scheduler does not drop work already scheduled.
+//
+// Example:
+//
+//     auto scheduler = std::make_shared<kel::TaskScheduler>("sync");
+//     scheduler->schedule([] { refreshIndex(); });         // concurrently, on the pool
+//     scheduler->scheduleLowPriority([] { writeLog(1); });  // one at a time, in order...
+//     scheduler->scheduleLowPriority([] { writeLog(2); });  // ...so 2 runs after 1 ends
+//     scheduler->scheduleAfter(5.0, [] { retry(); });       // not before 5 s from now
+//     kel::TaskScheduler::shared().promise(std::make_shared<FetchOperation>())
+//         .then(scheduler->callbackQueue(), [](const Feed& feed) { show(feed); });
+//
+// Guarantees: everything a thread does before it schedules work happens-before that work
+// starts. Low-priority work runs one item at a time in submission order (among submissions
+// from one thread, or ordered by happens-before), and each item's effects happen-before the
+// next item starts. schedule() promises no order among its items: they may run in parallel
+// and in any order. scheduleAfter() never runs its block before the delay has passed (measured
+// on the monotonic clock from the call); it may run later, by timer and pool latency. A
+// promise from promise() settles after the operation's result is set, so the continuation
+// sees everything the operation did.
 #pragma once
 
 #include <concepts>
@@ -29,6 +48,7 @@
 #include <utility>
 
 #include "kel/Concurrency/AsyncOperation.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Operation.hpp"
 #include "kel/Platform/OperationQueue.hpp"
@@ -37,7 +57,7 @@
 
 namespace kel {
 
-class TaskScheduler {
+class KEL_EXPORT TaskScheduler {
   public:
     explicit TaskScheduler(const std::string& name);
 

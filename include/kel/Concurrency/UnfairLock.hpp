@@ -18,9 +18,26 @@
 //
 // Thread rules: lock() and unlock() from any thread, concurrently.
 // Ownership: not copyable, not movable; keep it by value or through std::shared_ptr.
+//
+// Example:
+//
+//     kel::UnfairLock lock{kel::UnfairLock::Options::dataSynchronization};
+//     std::vector<int> values;  // guarded by lock
+//     lock.sync([&] { values.push_back(1); });
+//     {
+//         std::lock_guard guard(lock);  // a Lock is BasicLockable
+//         values.push_back(2);
+//     }
+//
+// Guarantees: mutual exclusion, and every unlock() happens-before the next successful lock()
+// or try_lock() of the same lock (a release store paired with an acquire compare-and-swap),
+// so a holder sees everything earlier holders wrote under the lock. A failed try_lock() orders
+// nothing. There is no fairness and no FIFO order among waiters: a waiter may be overtaken any
+// number of times, though it is never left asleep while the lock is free.
 #pragma once
 
 #include "kel/Concurrency/Lock.hpp"
+#include "kel/Export.hpp"
 #include "kel/Extensions/OptionSet.hpp"
 
 #include <atomic>
@@ -29,7 +46,7 @@
 
 namespace kel {
 
-class UnfairLock final : public Lock {
+class KEL_EXPORT UnfairLock final : public Lock {
   public:
     // The options a lock is made with.
     struct Options : OptionSet<Options, std::int64_t> {

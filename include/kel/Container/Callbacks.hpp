@@ -24,6 +24,7 @@
 #include "kel/Container/ResolverType.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Export.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -70,7 +71,7 @@ class CallbackScope {
 };
 
 // A stored callback, fired with a resolved instance and a resolver.
-class CallbackDefinitionType {
+class KEL_EXPORT CallbackDefinitionType {
   public:
     virtual ~CallbackDefinitionType() = default;
     virtual void fire(const detail::AnyInstance& instance, const ResolverType& resolver) = 0;
@@ -101,7 +102,7 @@ class CallbackDefinition final : public CallbackDefinitionType {
 };
 
 // The callbacks, by the key of the type (and name) whose resolutions fire them.
-class CallbackStore {
+class KEL_EXPORT CallbackStore {
   public:
     using List = std::vector<std::shared_ptr<CallbackDefinitionType>>;
 
@@ -124,7 +125,7 @@ class CallbackStore {
 
 // A surface through which callbacks are registered outside definitions. The owner is held
 // weakly; the callback receives it, the resolved U and a resolver.
-class CallbackRegistrationType {
+class KEL_EXPORT CallbackRegistrationType {
   public:
     virtual ~CallbackRegistrationType() = default;
 
@@ -149,7 +150,7 @@ class CallbackRegistrationType {
 };
 
 // The surface handed to a module (ProxyContainer::callback) and to the sibling side.
-class CallbackRegistration final : public CallbackRegistrationType {
+class KEL_EXPORT CallbackRegistration final : public CallbackRegistrationType {
   public:
     CallbackRegistration(std::shared_ptr<CallbackStore> callbackStore,
                          std::shared_ptr<ZFCallbackRegistration> callbackRegistration,
@@ -180,7 +181,7 @@ class CallbackRegistration final : public CallbackRegistrationType {
 };
 
 // A definition's request for callbacks, turned into stored callbacks for each instance it builds.
-class CallbackInstanceDefinitionType {
+class KEL_EXPORT CallbackInstanceDefinitionType {
   public:
     virtual ~CallbackInstanceDefinitionType() = default;
     // `object` is the instance as a class object, null when the registered type is not one.
@@ -237,17 +238,17 @@ class CallbackInstanceDefinition final : public CallbackInstanceDefinitionType {
 // A request whose callbacks come from the sibling side: for each built class instance, the
 // bridged callback registration is handed the instance and a CallbackRegistration through
 // which it registers what it wants to be told about.
-class CallbackInstanceBridgedDefinition final : public CallbackInstanceDefinitionType {
+class KEL_EXPORT CallbackInstanceBridgedDefinition final : public CallbackInstanceDefinitionType {
   public:
     CallbackInstanceBridgedDefinition(std::weak_ptr<Container> publicContainer,
                                       std::shared_ptr<ZFCallbackRegistration> callbackRegistration)
         : publicContainer_(std::move(publicContainer)),
           callbackRegistration_(std::move(callbackRegistration)) {}
 
-    void registerInstance(const std::shared_ptr<CallbackStore>& store,
-                          const detail::AnyInstance& instance,
-                          const std::shared_ptr<Object>& object,
-                          const std::shared_ptr<Container>& privateContainer) override;
+    KEL_NO_EXPORT void registerInstance(
+        const std::shared_ptr<CallbackStore>& store, const detail::AnyInstance& instance,
+        const std::shared_ptr<Object>& object,
+        const std::shared_ptr<Container>& privateContainer) override;
 
   private:
     std::weak_ptr<Container> publicContainer_;

@@ -25,6 +25,7 @@
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
 #include "kel/Container/detail/DefinitionIndex.hpp"
+#include "kel/Export.hpp"
 
 #include <concepts>
 #include <functional>
@@ -39,7 +40,7 @@ namespace kel {
 
 class ProxyResolver;
 
-class Container : public std::enable_shared_from_this<Container> {
+class KEL_EXPORT Container : public std::enable_shared_from_this<Container> {
     struct Private {};
 
   public:
@@ -95,22 +96,25 @@ class Container : public std::enable_shared_from_this<Container> {
     std::vector<std::optional<std::string>> registeredNames(std::uintptr_t type) const;
 
     explicit Container(Private);
-    Container(Private, Environment environment, detail::DefinitionIndex definitions,
-              std::shared_ptr<Pool> pool,
-              std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
-              std::shared_ptr<CallbackStore> callbackStore);
+    KEL_NO_EXPORT Container(Private, Environment environment, detail::DefinitionIndex definitions,
+                            std::shared_ptr<Pool> pool,
+                            std::vector<std::shared_ptr<detail::DefinitionCore>> lazyDefinitions,
+                            std::shared_ptr<CallbackStore> callbackStore);
 
   private:
     void indexLazyDefinitions();
-    detail::AnyInstance scopedBuild(const std::shared_ptr<detail::DefinitionCore>& entry,
-                                    const ProxyResolver& resolver,
-                                    const std::shared_ptr<Context>& context, Pool& pool);
-    void configureAndFire(const detail::DefinitionCore& definition,
-                          const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
-                          const std::shared_ptr<Context>& context);
-    void fireCallbacks(const CallbackStore& store, const detail::DefinitionCore& definition,
-                       const detail::AnyInstance& instance, const ProxyResolver& buildResolver,
-                       const std::shared_ptr<Context>& context);
+    KEL_NO_EXPORT detail::AnyInstance scopedBuild(
+        const std::shared_ptr<detail::DefinitionCore>& entry, const ProxyResolver& resolver,
+        const std::shared_ptr<Context>& context, Pool& pool);
+    KEL_NO_EXPORT void configureAndFire(const detail::DefinitionCore& definition,
+                                        const detail::AnyInstance& instance,
+                                        const ProxyResolver& buildResolver,
+                                        const std::shared_ptr<Context>& context);
+    KEL_NO_EXPORT void fireCallbacks(const CallbackStore& store,
+                                     const detail::DefinitionCore& definition,
+                                     const detail::AnyInstance& instance,
+                                     const ProxyResolver& buildResolver,
+                                     const std::shared_ptr<Context>& context);
 
     detail::DefinitionIndex definitions_;
     std::shared_ptr<Pool> pool_;

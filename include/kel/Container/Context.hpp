@@ -19,6 +19,7 @@
 #include "kel/Container/Key.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Export.hpp"
 
 #include <memory>
 #include <optional>
@@ -30,7 +31,7 @@ namespace kel {
 
 class Container;
 
-class ContextType : public CallbackRegistrationType {
+class KEL_EXPORT ContextType : public CallbackRegistrationType {
   public:
     // Makes resolutions of T under `name` answer `value`.
     template <class T>
@@ -54,7 +55,7 @@ class ContextType : public CallbackRegistrationType {
     virtual const detail::AnyInstance* object(const Key& key) const = 0;
 };
 
-class Context final : public ContextType {
+class KEL_EXPORT Context final : public ContextType {
   public:
     Context(std::shared_ptr<CallbackStore> store, std::shared_ptr<Container> publicContainer,
             std::shared_ptr<Container> contextContainer)

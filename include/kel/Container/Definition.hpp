@@ -27,6 +27,7 @@
 #include "kel/Container/ResolverType.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Export.hpp"
 
 #include <concepts>
 #include <cstdint>
@@ -44,7 +45,7 @@ namespace kel {
 class Container;
 
 // The type-erased form in which the container stores definitions.
-class DefinitionType {
+class KEL_EXPORT DefinitionType {
   public:
     virtual ~DefinitionType() = default;
     virtual const Key& key() const = 0;

@@ -11,6 +11,7 @@
 
 #include "kel/Container/ResolverType.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/FatalError.hpp"
 
 #include <functional>
@@ -21,7 +22,7 @@
 
 namespace kel {
 
-class DefinitionConfigurationType {
+class KEL_EXPORT DefinitionConfigurationType {
   public:
     virtual ~DefinitionConfigurationType() = default;
     virtual void configure(const detail::AnyInstance& input, const ResolverType& resolver) = 0;

@@ -8,6 +8,7 @@
 // Thread rules: values.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Extensions/OptionSet.hpp"
 
 #include <optional>
@@ -15,7 +16,7 @@
 
 namespace kel {
 
-struct ContainerTestSuite : OptionSet<ContainerTestSuite, long> {
+struct KEL_EXPORT ContainerTestSuite : OptionSet<ContainerTestSuite, long> {
     using OptionSet::OptionSet;
 
     static const ContainerTestSuite performance;
@@ -29,7 +30,7 @@ inline constexpr ContainerTestSuite ContainerTestSuite::performance{1};
 inline constexpr ContainerTestSuite ContainerTestSuite::automation{2};
 inline constexpr ContainerTestSuite ContainerTestSuite::all{3};
 
-class ContainerEnvironment {
+class KEL_EXPORT ContainerEnvironment {
   public:
     static ContainerEnvironment normal() { return ContainerEnvironment(std::nullopt); }
     static ContainerEnvironment testing(ContainerTestSuite suite) {

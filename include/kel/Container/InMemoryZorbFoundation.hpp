@@ -17,6 +17,7 @@
 
 #include "kel/Container/Callbacks.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/Object.hpp"
 
 #include <cstddef>
@@ -32,7 +33,7 @@
 namespace kel {
 
 // A bridged context: objects by text key and name, which resolutions return instead of building.
-class ZFInMemoryContext final : public Object, public ZFContext {
+class KEL_EXPORT ZFInMemoryContext final : public Object, public ZFContext {
   public:
     static std::shared_ptr<ZFInMemoryContext> make() {
         return std::shared_ptr<ZFInMemoryContext>(new ZFInMemoryContext());
@@ -53,7 +54,8 @@ class ZFInMemoryContext final : public Object, public ZFContext {
 };
 
 // Hands each instance it is told about to its hooks, in the order they were added.
-class ZFInMemoryCallbackRegistration final : public Object, public ZFCallbackRegistration {
+class KEL_EXPORT ZFInMemoryCallbackRegistration final : public Object,
+                                                        public ZFCallbackRegistration {
   public:
     using Hook = std::function<void(const std::shared_ptr<Object>&, CallbackRegistrationType&)>;
 
@@ -72,11 +74,12 @@ class ZFInMemoryCallbackRegistration final : public Object, public ZFCallbackReg
     std::vector<Hook> hooks_;
 };
 
-class ZFInMemoryRegistry final : public Object,
-                                 public ZFContainerRegistry,
-                                 public ZFRegistrationContainer,
-                                 public ZFResolver,
-                                 public std::enable_shared_from_this<ZFInMemoryRegistry> {
+class KEL_EXPORT ZFInMemoryRegistry final
+    : public Object,
+      public ZFContainerRegistry,
+      public ZFRegistrationContainer,
+      public ZFResolver,
+      public std::enable_shared_from_this<ZFInMemoryRegistry> {
   public:
     static std::shared_ptr<ZFInMemoryRegistry> make();
 

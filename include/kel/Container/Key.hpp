@@ -20,29 +20,35 @@
 #include <string_view>
 #include <typeinfo>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-namespace detail {
+namespace runtime {
 
 // Interns a mangled type name in the library's process-wide table and returns the interned copy;
 // equal names give the same pointer wherever the call comes from.
-const char* internTypeName(const char* mangledName);
+KEL_EXPORT const char* internTypeName(const char* mangledName);
 
 // The readable form of a mangled type name ("app::Service" for "N3app7ServiceE").
-std::string demangle(const char* mangledName);
+KEL_EXPORT std::string demangle(const char* mangledName);
+
+}  // namespace runtime
+
+namespace detail {
 
 // The identity word of T (top-level cv-qualifiers ignored, as typeid does). Always inlined:
 // once the word is cached it is a guard test and a load, and every resolution asks for it.
 template <class T>
 [[gnu::always_inline]] inline std::uintptr_t typeWord() noexcept {
     static const std::uintptr_t word =
-        reinterpret_cast<std::uintptr_t>(internTypeName(typeid(T).name()));
+        reinterpret_cast<std::uintptr_t>(runtime::internTypeName(typeid(T).name()));
     return word;
 }
 
 }  // namespace detail
 
-struct Key {
+struct KEL_EXPORT Key {
     // The identity word of the registered type.
     std::uintptr_t addr = 0;
     // The registration name; absent for an unnamed registration.

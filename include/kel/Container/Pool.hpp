@@ -14,6 +14,7 @@
 #include "kel/Container/Key.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
 #include "kel/Container/detail/GraphStore.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 
@@ -33,7 +34,7 @@ enum class DrainAction { config, linking };
 
 class Pool;
 
-class PoolAccessible {
+class KEL_EXPORT PoolAccessible {
   public:
     using DrainBlock = InlineFunction<void(), 176>;
 
@@ -45,7 +46,7 @@ class PoolAccessible {
     virtual void addDrainBlock(DrainAction action, DrainBlock block) = 0;
 };
 
-class Pool final : public PoolAccessible {
+class KEL_EXPORT Pool final : public PoolAccessible {
   public:
     using CopyBlock = std::function<void(const std::shared_ptr<Pool>&)>;
 
@@ -61,7 +62,7 @@ class Pool final : public PoolAccessible {
     std::size_t graphCount() const noexcept { return graph_.size(); }
 
     const detail::AnyInstance* get(const Key& key, PoolScope scope) const override;
-    void set(const Key& key, PoolScope scope, detail::AnyInstance instance) override;
+    KEL_NO_EXPORT void set(const Key& key, PoolScope scope, detail::AnyInstance instance) override;
     void addDrainBlock(DrainAction action, DrainBlock block) override;
 
     void addDrainCopyPoolGraphBlock(CopyBlock block) {

@@ -18,6 +18,7 @@
 #include "kel/Container/ProxyResolver.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
+#include "kel/Export.hpp"
 
 #include <concepts>
 #include <memory>
@@ -120,7 +121,7 @@ class ProxyRegistrationContainer {
     std::shared_ptr<Container> privateContainer_;
 };
 
-class ProxyContainer {
+class KEL_EXPORT ProxyContainer {
   public:
     // Derives the private container from `publicContainer` and asks the registry for its callback
     // registration once for each surface that needs it.

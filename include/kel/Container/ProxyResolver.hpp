@@ -23,6 +23,7 @@
 #include "kel/Container/Key.hpp"
 #include "kel/Container/ResolverType.hpp"
 #include "kel/Container/ZorbFoundation.hpp"
+#include "kel/Export.hpp"
 
 #include <memory>
 #include <optional>
@@ -32,7 +33,7 @@
 
 namespace kel {
 
-class ProxyResolver final : public ResolverType {
+class KEL_EXPORT ProxyResolver final : public ResolverType {
   public:
     // A resolver over `publicResolver` and `privateResolver` (by default
     // publicResolver->privateContainer()), without a context.
@@ -49,8 +50,9 @@ class ProxyResolver final : public ResolverType {
     std::shared_ptr<ResolverType> currentObjectGraphResolver(
         ZFObjectGraphTrait trait) const override;
 
-    detail::AnyInstance resolveInstance(const Key& key, const detail::ClassForm* classForm,
-                                        const detail::ContextBlock* block) const override;
+    KEL_NO_EXPORT detail::AnyInstance resolveInstance(
+        const Key& key, const runtime::ClassForm* classForm,
+        const detail::ContextBlock* block) const override;
 
     // Describes, as text, where resolving T under `name` would look (public, private and, for
     // class types, bridged), the key it forms, and the registrations of T under other names or
@@ -62,9 +64,10 @@ class ProxyResolver final : public ResolverType {
 
   private:
     // Asks the bridged side (which this resolver has) for `key`, as described above.
-    detail::AnyInstance resolveBridged(const Key& key, const detail::ClassForm& classForm,
-                                       const std::shared_ptr<Context>& context) const;
-    std::string explainKey(const Key& key, const detail::ClassForm* classForm) const;
+    KEL_NO_EXPORT detail::AnyInstance resolveBridged(const Key& key,
+                                                     const runtime::ClassForm& classForm,
+                                                     const std::shared_ptr<Context>& context) const;
+    std::string explainKey(const Key& key, const runtime::ClassForm* classForm) const;
 
     std::shared_ptr<ZFResolver> objc_;
     std::shared_ptr<Container> publicResolver_;
@@ -74,6 +77,6 @@ class ProxyResolver final : public ResolverType {
 
 // The resolver that code called from the sibling side uses: over `objcResolver`,
 // Container::shared() and a new private container of it, without a context.
-ProxyResolver proxyResolver(std::shared_ptr<ZFResolver> objcResolver);
+KEL_EXPORT ProxyResolver proxyResolver(std::shared_ptr<ZFResolver> objcResolver);
 
 }  // namespace kel

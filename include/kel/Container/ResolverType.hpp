@@ -19,6 +19,7 @@
 #include "kel/Container/ZorbFoundation.hpp"
 #include "kel/Container/detail/AnyInstance.hpp"
 #include "kel/Container/detail/FunctionRef.hpp"
+#include "kel/Export.hpp"
 
 #include <concepts>
 #include <memory>
@@ -35,30 +36,35 @@ class ContextType;
 // concrete class are named the same way.
 template <class U>
 const std::string& bridgedKey() {
-    static const std::string key = detail::demangle(typeid(U).name());
+    static const std::string key = runtime::demangle(typeid(U).name());
     return key;
 }
 
-namespace detail {
+namespace runtime {
 
 // What the class form of resolution needs to know about T to ask the bridged side: its text
-// key and the test "is this object a T".
+// key and the test "is this object a T". Made by the templates below in the user's code and
+// read by the library, so it is part of the library's runtime interface.
 struct ClassForm {
     const std::string& (*bridgedKey)();
-    AnyInstance (*fromObject)(const std::shared_ptr<Object>& object);
+    detail::AnyInstance (*fromObject)(const std::shared_ptr<Object>& object);
 };
 
+}  // namespace runtime
+
+namespace detail {
+
 template <class T>
-const ClassForm* classFormOf() {
+const runtime::ClassForm* classFormOf() {
     if constexpr (ClassObject<T>) {
         using U = typename ClassObjectTraits<T>::Class;
-        static constexpr ClassForm form{&kel::bridgedKey<U>,
-                                        [](const std::shared_ptr<Object>& object) -> AnyInstance {
-                                            if (auto typed = std::dynamic_pointer_cast<U>(object)) {
-                                                return AnyInstance::make<T>(std::move(typed));
-                                            }
-                                            return {};
-                                        }};
+        static constexpr runtime::ClassForm form{
+            &kel::bridgedKey<U>, [](const std::shared_ptr<Object>& object) -> AnyInstance {
+                if (auto typed = std::dynamic_pointer_cast<U>(object)) {
+                    return AnyInstance::make<T>(std::move(typed));
+                }
+                return {};
+            }};
         return &form;
     } else {
         return nullptr;
@@ -69,7 +75,7 @@ using ContextBlock = FunctionRef<void(ContextType&)>;
 
 }  // namespace detail
 
-class ResolverType {
+class KEL_EXPORT ResolverType {
   public:
     virtual ~ResolverType() = default;
 
@@ -107,7 +113,7 @@ class ResolverType {
 
     // The type-erased resolution behind the templates: `classForm` is null for the general
     // forms, `block` null when there is no override block.
-    virtual detail::AnyInstance resolveInstance(const Key& key, const detail::ClassForm* classForm,
+    virtual detail::AnyInstance resolveInstance(const Key& key, const runtime::ClassForm* classForm,
                                                 const detail::ContextBlock* block) const = 0;
 
   private:

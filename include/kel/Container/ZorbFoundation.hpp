@@ -10,6 +10,7 @@
 // Ownership: objects are shared (std::shared_ptr); the container holds them strongly.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Object.hpp"
 
 #include <functional>
@@ -29,7 +30,7 @@ enum class ZFObjectGraphTrait : long {
 };
 
 // Per-resolution overrides on the sibling side.
-class ZFContext {
+class KEL_EXPORT ZFContext {
   public:
     virtual ~ZFContext() = default;
     // A context holding the receiver's overrides on top of `other`'s.
@@ -40,7 +41,7 @@ class ZFContext {
 class ZFResolver;
 
 // A registration on the sibling side; its builder messages return nothing.
-class ZFDefinition {
+class KEL_EXPORT ZFDefinition {
   public:
     using Configuration =
         std::function<void(const std::shared_ptr<Object>&, const std::shared_ptr<ZFResolver>&)>;
@@ -52,7 +53,7 @@ class ZFDefinition {
     virtual void canBeOverridden(bool flag) = 0;
 };
 
-class ZFResolver {
+class KEL_EXPORT ZFResolver {
   public:
     // Given to the sibling resolver at the start of every outermost resolution of the container.
     // The sibling side calls it with a callable of its own; the container runs that callable as
@@ -69,7 +70,7 @@ class ZFResolver {
     virtual void linkResolverWithLinkBlock(LinkBlock block) = 0;
 };
 
-class ZFRegistrationContainer {
+class KEL_EXPORT ZFRegistrationContainer {
   public:
     using Factory = std::function<std::shared_ptr<Object>(const std::shared_ptr<ZFResolver>&)>;
 
@@ -81,14 +82,14 @@ class ZFRegistrationContainer {
 // The sibling side's instance-callback surface. When the container builds an instance whose
 // definition carries a bridged callback request, the sibling side is handed the instance and a
 // CallbackRegistrationType through which it registers its callbacks for that instance.
-class ZFCallbackRegistration {
+class KEL_EXPORT ZFCallbackRegistration {
   public:
     virtual ~ZFCallbackRegistration() = default;
     virtual void registerCallbacksForInstance(const std::shared_ptr<Object>& instance,
                                               CallbackRegistrationType& registration) = 0;
 };
 
-class ZFContainerRegistry {
+class KEL_EXPORT ZFContainerRegistry {
   public:
     virtual ~ZFContainerRegistry() = default;
     virtual std::shared_ptr<ZFCallbackRegistration> callback() = 0;

@@ -20,12 +20,14 @@
 #include <ranges>
 #include <type_traits>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-namespace detail {
+namespace runtime {
 // The calling thread's random engine.
-std::mt19937_64& threadRandomEngine();
-}  // namespace detail
+KEL_EXPORT std::mt19937_64& threadRandomEngine();
+}  // namespace runtime
 
 template <std::ranges::forward_range R, std::uniform_random_bit_generator Engine>
 std::optional<std::ranges::range_value_t<R>> randomElement(R&& range, Engine& engine) {
@@ -40,7 +42,7 @@ std::optional<std::ranges::range_value_t<R>> randomElement(R&& range, Engine& en
 
 template <std::ranges::forward_range R>
 std::optional<std::ranges::range_value_t<R>> randomElement(R&& range) {
-    return randomElement(std::forward<R>(range), detail::threadRandomEngine());
+    return randomElement(std::forward<R>(range), runtime::threadRandomEngine());
 }
 
 template <std::ranges::input_range R>

@@ -14,6 +14,7 @@
 // Thread rules: a value type; no shared state.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/detail/JSONNumber.hpp"
 
@@ -64,7 +65,7 @@ class ClosedRange {
 };
 
 // Thrown when JSON does not hold a valid closed range.
-class ClosedRangeDecodingError : public std::runtime_error {
+class KEL_EXPORT ClosedRangeDecodingError : public std::runtime_error {
   public:
     explicit ClosedRangeDecodingError(const std::string& message)
         : std::runtime_error("Cannot decode a closed range: " + message) {}

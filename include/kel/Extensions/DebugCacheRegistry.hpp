@@ -16,6 +16,7 @@
 // Ownership: shared-owned (std::shared_ptr); holds the registered UserDefaults stores strongly.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/UserDefaults.hpp"
 
 #include <filesystem>
@@ -27,7 +28,7 @@
 
 namespace kel {
 
-class DebugCacheRegistry {
+class KEL_EXPORT DebugCacheRegistry {
   public:
     DebugCacheRegistry() = default;
     DebugCacheRegistry(const DebugCacheRegistry&) = delete;

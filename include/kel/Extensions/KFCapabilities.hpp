@@ -9,9 +9,11 @@
 // Ownership: no instances; the cached answer lives for the whole process.
 #pragma once
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class KFCapabilities {
+class KEL_EXPORT KFCapabilities {
   public:
     KFCapabilities() = delete;
 

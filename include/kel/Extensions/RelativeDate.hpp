@@ -20,20 +20,22 @@
 #include <chrono>
 #include <string>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 enum class RelativeDateStyle { medium, long_ };
 
 // The medium phrase for `date` relative to now, e.g. "3 hrs ago".
-std::string gregorianMediumDisplayString(std::chrono::system_clock::time_point date);
+KEL_EXPORT std::string gregorianMediumDisplayString(std::chrono::system_clock::time_point date);
 
 // The long phrase for `date` relative to now, e.g. "3 hours ago".
-std::string gregorianLongDisplayString(std::chrono::system_clock::time_point date);
+KEL_EXPORT std::string gregorianLongDisplayString(std::chrono::system_clock::time_point date);
 
 // The phrase for `date` relative to a given `now`, for callers that render many dates against
 // one moment.
-std::string gregorianDisplayString(std::chrono::system_clock::time_point date,
-                                   RelativeDateStyle style,
-                                   std::chrono::system_clock::time_point now);
+KEL_EXPORT std::string gregorianDisplayString(std::chrono::system_clock::time_point date,
+                                              RelativeDateStyle style,
+                                              std::chrono::system_clock::time_point now);
 
 }  // namespace kel

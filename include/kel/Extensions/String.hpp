@@ -14,10 +14,12 @@
 #include <string>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-std::string uppercasedFirst(std::string_view text);
-void uppercaseFirst(std::string& text) noexcept;
-std::string uppercased(std::string_view text);
+KEL_EXPORT std::string uppercasedFirst(std::string_view text);
+KEL_EXPORT void uppercaseFirst(std::string& text) noexcept;
+KEL_EXPORT std::string uppercased(std::string_view text);
 
 }  // namespace kel

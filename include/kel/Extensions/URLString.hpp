@@ -15,11 +15,13 @@
 #include <optional>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-std::optional<std::string_view> urlScheme(std::string_view text) noexcept;
-bool hasScheme(std::string_view text, std::string_view scheme) noexcept;
-bool isWebURL(std::string_view text) noexcept;
-bool isFileURL(std::string_view text) noexcept;
+KEL_EXPORT std::optional<std::string_view> urlScheme(std::string_view text) noexcept;
+KEL_EXPORT bool hasScheme(std::string_view text, std::string_view scheme) noexcept;
+KEL_EXPORT bool isWebURL(std::string_view text) noexcept;
+KEL_EXPORT bool isFileURL(std::string_view text) noexcept;
 
 }  // namespace kel

@@ -18,9 +18,11 @@
 #include <unordered_map>
 #include <utility>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class ApplicationStateLaunchOptionKey {
+class KEL_EXPORT ApplicationStateLaunchOptionKey {
   public:
     enum class Case : std::uint8_t {
         unknown,

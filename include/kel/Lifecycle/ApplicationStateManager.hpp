@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/ApplicationStateLaunchOptionKey.hpp"
 #include "kel/Lifecycle/ApplicationStateMonitor.hpp"
 #include "kel/Lifecycle/Disposable.hpp"
@@ -24,7 +25,7 @@
 
 namespace kel {
 
-class ApplicationStateManager {
+class KEL_EXPORT ApplicationStateManager {
   public:
     ApplicationStateManager() = default;
     ApplicationStateManager(const ApplicationStateManager&) = delete;

@@ -11,11 +11,12 @@
 
 #include <optional>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/ApplicationStateLaunchOptionKey.hpp"
 
 namespace kel {
 
-class ApplicationStateMonitor {
+class KEL_EXPORT ApplicationStateMonitor {
   public:
     virtual ~ApplicationStateMonitor() = default;
 

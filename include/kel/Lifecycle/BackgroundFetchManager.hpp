@@ -24,6 +24,7 @@
 
 #include <memory>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/BackgroundFetchResult.hpp"
 #include "kel/Lifecycle/BackgroundFetchWorker.hpp"
 #include "kel/Lifecycle/Disposable.hpp"
@@ -33,7 +34,7 @@
 
 namespace kel {
 
-class BackgroundFetchManager {
+class KEL_EXPORT BackgroundFetchManager {
   public:
     enum class ErrorsCase : unsigned char { timedOut };
 

@@ -7,12 +7,13 @@
 // manager.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/BackgroundFetchResult.hpp"
 #include "kel/Promises/Promise.hpp"
 
 namespace kel {
 
-class BackgroundFetchWorker {
+class KEL_EXPORT BackgroundFetchWorker {
   public:
     virtual ~BackgroundFetchWorker() = default;
 

@@ -12,9 +12,11 @@
 
 #include <memory>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class Disposable {
+class KEL_EXPORT Disposable {
   public:
     virtual ~Disposable() = default;
 

@@ -12,12 +12,13 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/RemoteNotificationFetchResult.hpp"
 #include "kel/Promises/Promise.hpp"
 
 namespace kel {
 
-class RemoteNotificationHandler {
+class KEL_EXPORT RemoteNotificationHandler {
   public:
     virtual ~RemoteNotificationHandler() = default;
 

@@ -24,6 +24,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/Disposable.hpp"
 #include "kel/Lifecycle/RemoteNotificationFetchResult.hpp"
 #include "kel/Lifecycle/RemoteNotificationHandler.hpp"
@@ -34,7 +35,7 @@
 
 namespace kel {
 
-class RemoteNotificationManager {
+class KEL_EXPORT RemoteNotificationManager {
   public:
     RemoteNotificationManager() = default;
     RemoteNotificationManager(const RemoteNotificationManager&) = delete;

@@ -14,9 +14,11 @@
 #include <string>
 #include <utility>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class RemoteNotificationPattern {
+class KEL_EXPORT RemoteNotificationPattern {
   public:
     static const RemoteNotificationPattern any;
     static RemoteNotificationPattern category(std::string text) {

@@ -13,9 +13,11 @@
 #include <string>
 #include <utility>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class StartupTaskGroup {
+class KEL_EXPORT StartupTaskGroup {
   public:
     explicit StartupTaskGroup(std::string identifier) : identifier_(std::move(identifier)) {}
 

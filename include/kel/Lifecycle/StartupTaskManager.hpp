@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/StartupTaskGroup.hpp"
 #include "kel/Lifecycle/StartupTaskType.hpp"
 #include "kel/Promises/DeferredPromise.hpp"
@@ -34,7 +35,7 @@
 
 namespace kel {
 
-class StartupTaskManager {
+class KEL_EXPORT StartupTaskManager {
   public:
     enum class State : std::uint8_t { notStarted, started };
 

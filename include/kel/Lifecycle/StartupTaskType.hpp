@@ -9,12 +9,13 @@
 // Ownership: the manager owns its tasks (std::unique_ptr) until it is destroyed.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Lifecycle/StartupTaskGroup.hpp"
 #include "kel/Promises/Promise.hpp"
 
 namespace kel {
 
-class StartupTaskType {
+class KEL_EXPORT StartupTaskType {
   public:
     virtual ~StartupTaskType() = default;
 

@@ -179,7 +179,7 @@ class NetworkOperation : public AsyncOperation<typename D::Response> {
         }
         Log::write(LogLevel::default_,
                    "Network operation %{public}@ received response (%{public}@)", id,
-                   detail::networkResponseDescription(data->size(), metrics));
+                   runtime::networkResponseDescription(data->size(), metrics));
         std::optional<Response> value;
         kel::Error parseError;
         try {
@@ -195,7 +195,7 @@ class NetworkOperation : public AsyncOperation<typename D::Response> {
             Log::write(LogLevel::error,
                        "Network operation %{public}@ failed to parse response with error: "
                        "%{public}@, response=%{public}@",
-                       id, errorDescription(parseError), detail::optionalUTF8Description(*data));
+                       id, errorDescription(parseError), runtime::optionalUTF8Description(*data));
             completion(Result<Response>::failed(std::move(parseError)));
         }
     }

@@ -13,9 +13,11 @@
 #include <exception>
 #include <optional>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class NetworkOperationError : public std::exception {
+class KEL_EXPORT NetworkOperationError : public std::exception {
   public:
     enum class Case { http, unknown, malformedURL };
 

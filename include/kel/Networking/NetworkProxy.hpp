@@ -11,6 +11,7 @@
 #include <memory>
 #include <utility>
 
+#include "kel/Export.hpp"
 #include "kel/Networking/URLSessionType.hpp"
 
 namespace kel {
@@ -18,9 +19,9 @@ namespace kel {
 class URLSession;
 
 // The process-wide default session (timing data on). Never destroyed.
-const std::shared_ptr<URLSession>& defaultURLSession();
+KEL_EXPORT const std::shared_ptr<URLSession>& defaultURLSession();
 
-class NetworkProxy {
+class KEL_EXPORT NetworkProxy {
   public:
     static NetworkProxy session(std::shared_ptr<URLSessionType> session) {
         return NetworkProxy(std::move(session));

@@ -19,6 +19,8 @@
 #include <string>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 template <class T>
@@ -35,17 +37,17 @@ struct ProcessInfoValue<std::string> {
 };
 
 template <>
-struct ProcessInfoValue<std::int64_t> {
+struct KEL_EXPORT ProcessInfoValue<std::int64_t> {
     static std::optional<std::int64_t> from(std::string_view text);
 };
 
 template <>
-struct ProcessInfoValue<float> {
+struct KEL_EXPORT ProcessInfoValue<float> {
     static std::optional<float> from(std::string_view text);
 };
 
 template <>
-struct ProcessInfoValue<double> {
+struct KEL_EXPORT ProcessInfoValue<double> {
     static std::optional<double> from(std::string_view text);
 };
 

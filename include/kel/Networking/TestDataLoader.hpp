@@ -22,6 +22,7 @@
 #include <string>
 #include <utility>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Error.hpp"
 #include "kel/Promises/Promise.hpp"
@@ -35,7 +36,7 @@ concept TestDataLocatorType = requires(const L& locator) {
 
 // TestDataLoader<L>::TestDataError: invalidTestData(error) carries the decoder's error;
 // missingTestData has no payload. Equality compares the case and the carried error.
-class TestDataError : public std::exception {
+class KEL_EXPORT TestDataError : public std::exception {
   public:
     enum class Case { invalidTestData, missingTestData };
 
@@ -65,10 +66,10 @@ class TestDataError : public std::exception {
 
 inline const TestDataError TestDataError::missingTestData{Case::missingTestData, nullptr};
 
-namespace detail {
+namespace runtime {
 // $XDG_DOCUMENTS_DIR with "~" or "$HOME" expanded, else ~/Documents; no home at all is fatal.
-std::filesystem::path documentsDirectory();
-}  // namespace detail
+KEL_EXPORT std::filesystem::path documentsDirectory();
+}  // namespace runtime
 
 template <TestDataLocatorType L>
 class TestDataLoader {
@@ -80,7 +81,7 @@ class TestDataLoader {
         std::string name = std::string(locator.filePath()) + ".json";
         filePath_ = contentDirectory
                         ? contentDirectory->string() + "/" + name
-                        : (detail::documentsDirectory() / "TestContent").string() + "/" + name;
+                        : (runtime::documentsDirectory() / "TestContent").string() + "/" + name;
         std::error_code ignored;
         if (!std::filesystem::exists(filePath_, ignored)) {
             throw TestDataError::missingTestData;

@@ -8,11 +8,12 @@
 // Ownership: shared by the operations that list it.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/URLRequest.hpp"
 
 namespace kel {
 
-class URLRequestProcessor {
+class KEL_EXPORT URLRequestProcessor {
   public:
     virtual ~URLRequestProcessor() = default;
     virtual URLRequest process(const URLRequest& request) const = 0;

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Cancellable.hpp"
 #include "kel/Platform/Data.hpp"
 #include "kel/Platform/Error.hpp"
@@ -23,7 +24,7 @@
 
 namespace kel {
 
-class URLSessionType {
+class KEL_EXPORT URLSessionType {
   public:
     using DownloadCompletion =
         std::function<void(std::optional<Data> data, std::shared_ptr<const URLResponse> response,

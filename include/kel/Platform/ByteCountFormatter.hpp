@@ -11,9 +11,11 @@
 #include <cstdint>
 #include <string>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class ByteCountFormatter {
+class KEL_EXPORT ByteCountFormatter {
   public:
     enum class CountStyle { file, memory, decimal, binary };
 

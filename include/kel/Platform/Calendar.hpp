@@ -18,6 +18,8 @@
 
 #include <chrono>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 struct DateComponents {
@@ -30,7 +32,7 @@ struct DateComponents {
     friend bool operator==(const DateComponents&, const DateComponents&) = default;
 };
 
-class Calendar {
+class KEL_EXPORT Calendar {
   public:
     Calendar() = delete;
 

@@ -7,9 +7,11 @@
 // treat calls after the first as no-ops. Ownership is the implementer's (usually shared).
 #pragma once
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class Cancellable {
+class KEL_EXPORT Cancellable {
   public:
     virtual ~Cancellable() = default;
     virtual void cancel() = 0;

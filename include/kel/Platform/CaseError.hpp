@@ -16,9 +16,11 @@
 #include <exception>
 #include <functional>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-struct CaseErrorTag {};
+struct KEL_EXPORT CaseErrorTag {};
 
 template <class Derived, class CaseEnum>
 class CaseError : public std::exception, public CaseErrorTag {

@@ -9,6 +9,7 @@
 
 #include <memory>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchTime.hpp"
 #include "kel/Platform/Task.hpp"
 
@@ -20,7 +21,7 @@ namespace detail {
 class GroupCore;
 }
 
-class DispatchGroup {
+class KEL_EXPORT DispatchGroup {
   public:
     DispatchGroup();
 

@@ -47,6 +47,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchTime.hpp"
 #include "kel/Platform/Task.hpp"
 
@@ -68,7 +69,7 @@ enum class DispatchQoS {
     userInteractive
 };
 
-class DispatchQueue {
+class KEL_EXPORT DispatchQueue {
   public:
     enum class Attributes : std::uint8_t { none = 0, concurrent = 1 };
 
@@ -143,7 +144,7 @@ class DispatchQueue {
 // and never submit to them: on zalgo a continuation runs synchronously, on zalgoIfMain
 // synchronously on the main thread and through the main queue elsewhere. Work that is submitted
 // to them directly (firstly or when on zalgo, say) runs as on any serial queue.
-const DispatchQueue& zalgo();
-const DispatchQueue& zalgoIfMain();
+KEL_EXPORT const DispatchQueue& zalgo();
+KEL_EXPORT const DispatchQueue& zalgoIfMain();
 
 }  // namespace kel

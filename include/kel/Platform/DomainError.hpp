@@ -10,9 +10,11 @@
 #include <map>
 #include <string>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class DomainError : public std::exception {
+class KEL_EXPORT DomainError : public std::exception {
   public:
     using UserInfo = std::map<std::string, std::string>;
 

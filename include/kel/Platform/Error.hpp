@@ -12,6 +12,8 @@
 #include <string>
 #include <utility>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 using Error = std::exception_ptr;
@@ -24,7 +26,7 @@ Error makeError(E&& error) {
 
 // The error's text: what() of a std::exception, the text of a thrown string, or
 // "unknown error" for anything else (and "no error" for a null Error).
-std::string errorDescription(const Error& error);
+KEL_EXPORT std::string errorDescription(const Error& error);
 
 // True if the error holds an exception of type E (or derived from it).
 template <class E>

@@ -11,6 +11,7 @@
 // Ownership: the bridge keeps nothing; the block is borrowed for the duration of the call.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DomainError.hpp"
 
 #include <exception>
@@ -20,7 +21,7 @@
 
 namespace kel {
 
-class Exception : public std::exception {
+class KEL_EXPORT Exception : public std::exception {
   public:
     // The user-info key under which a bridged error carries the exception's reason.
     static constexpr const char* reasonKey = "reason";

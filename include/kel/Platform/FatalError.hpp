@@ -10,24 +10,28 @@
 #include <source_location>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-[[noreturn]] void fatalError(std::string_view message,
-                             std::source_location location = std::source_location::current());
+[[noreturn]] KEL_EXPORT void fatalError(
+    std::string_view message, std::source_location location = std::source_location::current());
 
-namespace detail {
-[[noreturn]] void preconditionFailed(
+// The library's runtime entry points: called by inline code of the headers (here, the
+// KEL_PRECONDITION macro), exported, not for direct use.
+namespace runtime {
+[[noreturn]] KEL_EXPORT void preconditionFailed(
     const char* condition, std::string_view message = {},
     std::source_location location = std::source_location::current());
-}  // namespace detail
+}  // namespace runtime
 
 }  // namespace kel
 
 // Stops the process with "<message>" (or "Precondition failed: <condition>" when no message is
 // given) when the condition is false. Always checked, also in release builds.
-#define KEL_PRECONDITION(condition, ...)                                             \
-    do {                                                                             \
-        if (!(condition)) [[unlikely]] {                                             \
-            ::kel::detail::preconditionFailed(#condition __VA_OPT__(, __VA_ARGS__)); \
-        }                                                                            \
+#define KEL_PRECONDITION(condition, ...)                                              \
+    do {                                                                              \
+        if (!(condition)) [[unlikely]] {                                              \
+            ::kel::runtime::preconditionFailed(#condition __VA_OPT__(, __VA_ARGS__)); \
+        }                                                                             \
     } while (false)

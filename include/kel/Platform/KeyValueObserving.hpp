@@ -23,6 +23,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 namespace detail {
@@ -30,7 +32,7 @@ class ObservationRegistry;
 }
 
 // Ends an observation when invalidated or destroyed. Movable, not copyable.
-class KeyValueObservation {
+class KEL_EXPORT KeyValueObservation {
   public:
     KeyValueObservation() noexcept = default;
     KeyValueObservation(KeyValueObservation&& other) noexcept;
@@ -53,7 +55,7 @@ class KeyValueObservation {
     std::uint64_t identifier_ = 0;
 };
 
-class KeyValueObservable {
+class KEL_EXPORT KeyValueObservable {
   public:
     // Called with the observed key (not the key that actually changed).
     using Callback = std::function<void(std::string_view key)>;

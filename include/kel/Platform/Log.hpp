@@ -25,12 +25,14 @@
 #include <variant>
 #include <vector>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 enum class LogLevel { default_, error };
 
 // One argument of a log line: text, a signed or unsigned integer, or a floating-point value.
-class LogArgument {
+class KEL_EXPORT LogArgument {
   public:
     using Value = std::variant<std::string, long long, unsigned long long, double>;
 
@@ -59,7 +61,7 @@ class LogArgument {
 };
 
 // One log line as it was written: level, format and arguments, unrendered.
-struct LogRecord {
+struct KEL_EXPORT LogRecord {
     LogLevel level = LogLevel::default_;
     std::string format;
     std::vector<LogArgument> arguments;
@@ -74,10 +76,11 @@ struct LogRecord {
 // its argument and treats it as private, so later arguments never shift into other places.
 // Control characters in arguments are escaped ("\n" reads as a backslash and "n"), so an
 // argument cannot start a second log line.
-std::string renderLogMessage(std::string_view format, const std::vector<LogArgument>& arguments,
-                             bool redactPrivate);
+KEL_EXPORT std::string renderLogMessage(std::string_view format,
+                                        const std::vector<LogArgument>& arguments,
+                                        bool redactPrivate);
 
-class LogSink {
+class KEL_EXPORT LogSink {
   public:
     virtual ~LogSink() = default;
     virtual void write(const LogRecord& record) = 0;
@@ -85,13 +88,13 @@ class LogSink {
 
 // The default sink: syslog(3) at LOG_NOTICE (default level) or LOG_ERR (error level), private
 // arguments redacted.
-class SyslogSink final : public LogSink {
+class KEL_EXPORT SyslogSink final : public LogSink {
   public:
     void write(const LogRecord& record) override;
 };
 
 // Keeps every record it is given, for tests and diagnostics.
-class CapturingLogSink final : public LogSink {
+class KEL_EXPORT CapturingLogSink final : public LogSink {
   public:
     void write(const LogRecord& record) override;
     std::vector<LogRecord> records() const;
@@ -104,7 +107,7 @@ class CapturingLogSink final : public LogSink {
     std::vector<LogRecord> records_;
 };
 
-class Log {
+class KEL_EXPORT Log {
   public:
     template <class... Args>
     static void write(LogLevel level, std::string_view format, Args&&... arguments) {

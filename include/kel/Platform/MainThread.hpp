@@ -6,9 +6,11 @@
 // Thread rules: may be called from any thread; the answer for a thread never changes.
 #pragma once
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 // True on the process's initial thread.
-bool isMainThread() noexcept;
+KEL_EXPORT bool isMainThread() noexcept;
 
 }  // namespace kel

@@ -34,9 +34,11 @@
 #include <string_view>
 #include <vector>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class MessageCatalog {
+class KEL_EXPORT MessageCatalog {
     struct Passkey {};
 
   public:

@@ -18,34 +18,18 @@
 #include <cstdint>
 #include <memory>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class Object;
+template <class T>
+class ObjectAssociation;
 
 namespace detail {
-
 class AssociationTable;
-
-// One associated value, type-erased: a strong reference, or a weak one, or nothing.
-struct AssociatedValue {
-    std::shared_ptr<void> strong;
-    std::weak_ptr<void> weak;
-};
-
-// The access ObjectAssociation has to an object's slot.
-struct ObjectAssociations {
-    // A key that no other association has used in this process.
-    static std::uint64_t newKey() noexcept;
-    // The value stored under `key`, or an empty one.
-    static AssociatedValue get(const Object& object, std::uint64_t key);
-    // Stores `value` under `key`; an empty value (no strong and no weak reference) removes it.
-    // The value replaced is released after the table's lock.
-    static void set(const Object& object, std::uint64_t key, AssociatedValue value);
-};
-
 }  // namespace detail
 
-class Object {
+class KEL_EXPORT Object {
   public:
     virtual ~Object();
     Object(const Object&) = delete;
@@ -55,7 +39,25 @@ class Object {
     Object() = default;
 
   private:
-    friend struct detail::ObjectAssociations;
+    // The access ObjectAssociation has to an object's slot. Out of line and exported: the
+    // association template calls them from the user's code.
+    template <class T>
+    friend class ObjectAssociation;
+    friend class detail::AssociationTable;
+
+    // One associated value, type-erased: a strong reference, or a weak one, or nothing.
+    struct AssociatedValue {
+        std::shared_ptr<void> strong;
+        std::weak_ptr<void> weak;
+    };
+
+    // A key that no other association has used in this process.
+    static std::uint64_t newAssociationKey() noexcept;
+    // The value stored under `key`, or an empty one.
+    static AssociatedValue associatedValue(const Object& object, std::uint64_t key);
+    // Stores `value` under `key`; an empty value (no strong and no weak reference) removes it.
+    // The value replaced is released after the table's lock.
+    static void setAssociatedValue(const Object& object, std::uint64_t key, AssociatedValue value);
 
     // Null until the first associated value is stored; set once, then owned by the object.
     mutable std::atomic<detail::AssociationTable*> associations_{nullptr};

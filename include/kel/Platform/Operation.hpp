@@ -28,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Cancellable.hpp"
 #include "kel/Platform/KeyValueObserving.hpp"
 #include "kel/Platform/Task.hpp"
@@ -41,9 +42,9 @@ namespace detail {
 class OperationQueueCore;
 }  // namespace detail
 
-class Operation : public KeyValueObservable,
-                  public Cancellable,
-                  public std::enable_shared_from_this<Operation> {
+class KEL_EXPORT Operation : public KeyValueObservable,
+                             public Cancellable,
+                             public std::enable_shared_from_this<Operation> {
   public:
     // The observable keys of an operation.
     static constexpr std::string_view isReadyKey = "isReady";
@@ -129,7 +130,7 @@ class Operation : public KeyValueObservable,
     friend class detail::OperationQueueCore;
 };
 
-class BlockOperation : public Operation {
+class KEL_EXPORT BlockOperation : public Operation {
   public:
     BlockOperation() = default;
     explicit BlockOperation(Task block);

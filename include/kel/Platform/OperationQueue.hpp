@@ -44,6 +44,7 @@
 #include <string>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Operation.hpp"
 #include "kel/Platform/Task.hpp"
@@ -54,7 +55,7 @@ namespace detail {
 class OperationQueueCore;
 }
 
-class OperationQueue {
+class KEL_EXPORT OperationQueue {
   public:
     static constexpr int defaultMaxConcurrentOperationCount = -1;
 

@@ -22,11 +22,12 @@
 #include <utility>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Networking/ProcessInfoValueType.hpp"
 
 namespace kel {
 
-class ProcessInfo {
+class KEL_EXPORT ProcessInfo {
   public:
     ProcessInfo(std::vector<std::string> arguments, std::map<std::string, std::string> environment)
         : arguments_(std::move(arguments)), environment_(std::move(environment)) {}

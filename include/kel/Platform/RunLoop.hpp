@@ -11,11 +11,12 @@
 #include <chrono>
 #include <functional>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/MainThread.hpp"
 
 namespace kel {
 
-class RunLoop {
+class KEL_EXPORT RunLoop {
   public:
     // Runs main-queue work until stop() is called.
     static void run();

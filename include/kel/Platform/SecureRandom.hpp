@@ -12,9 +12,11 @@
 
 #include <cstddef>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 // Fills size bytes at data with random bytes.
-void secureRandomBytes(void* data, std::size_t size);
+KEL_EXPORT void secureRandomBytes(void* data, std::size_t size);
 
 }  // namespace kel

@@ -13,9 +13,11 @@
 #include <string>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class URL {
+class KEL_EXPORT URL {
   public:
     static std::optional<URL> fromString(std::string_view text);
 

@@ -15,12 +15,13 @@
 #include <string_view>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/URL.hpp"
 #include "kel/Platform/URLQueryItem.hpp"
 
 namespace kel {
 
-class URLComponents {
+class KEL_EXPORT URLComponents {
   public:
     // Splits url's text; none when it is not an absolute URL.
     static std::optional<URLComponents> make(const URL& url);
@@ -55,8 +56,8 @@ class URLComponents {
 };
 
 // Percent-encodes text for a query name or value (see URLComponents::setQueryItems).
-std::string percentEncodeQueryComponent(std::string_view text);
+KEL_EXPORT std::string percentEncodeQueryComponent(std::string_view text);
 // Decodes %XX sequences; none when a "%" is not followed by two hexadecimal digits.
-std::optional<std::string> percentDecode(std::string_view text);
+KEL_EXPORT std::optional<std::string> percentDecode(std::string_view text);
 
 }  // namespace kel

@@ -13,12 +13,13 @@
 #include <optional>
 #include <string>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/DomainError.hpp"
 #include "kel/Platform/Error.hpp"
 
 namespace kel {
 
-struct URLError {
+struct KEL_EXPORT URLError {
     static constexpr const char* domain = "NSURLErrorDomain";
     static constexpr const char* failingURLStringKey = "NSErrorFailingURLStringKey";
 

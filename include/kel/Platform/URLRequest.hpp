@@ -14,12 +14,13 @@
 #include <utility>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Data.hpp"
 #include "kel/Platform/URL.hpp"
 
 namespace kel {
 
-class URLRequest {
+class KEL_EXPORT URLRequest {
   public:
     enum class CachePolicy {
         useProtocolCachePolicy,

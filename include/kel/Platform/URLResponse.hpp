@@ -15,13 +15,14 @@
 #include <utility>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/URL.hpp"
 
 namespace kel {
 
 class HTTPURLResponse;
 
-class URLResponse {
+class KEL_EXPORT URLResponse {
   public:
     URLResponse(std::optional<URL> url, std::int64_t expectedContentLength)
         : url_(std::move(url)), expectedContentLength_(expectedContentLength) {}
@@ -38,7 +39,7 @@ class URLResponse {
     std::int64_t expectedContentLength_;
 };
 
-class HTTPURLResponse final : public URLResponse {
+class KEL_EXPORT HTTPURLResponse final : public URLResponse {
   public:
     using HeaderFields = std::vector<std::pair<std::string, std::string>>;
 

@@ -26,6 +26,7 @@
 #include <optional>
 #include <thread>
 
+#include "kel/Export.hpp"
 #include "kel/Networking/URLSessionType.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/URLRequest.hpp"
@@ -38,7 +39,7 @@ namespace detail {
 class URLSessionCore;
 }
 
-class URLSession final : public URLSessionType {
+class KEL_EXPORT URLSession final : public URLSessionType {
   public:
     static std::shared_ptr<URLSession> make(
         URLSessionConfiguration configuration =

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <optional>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Cancellable.hpp"
 #include "kel/Platform/Data.hpp"
 #include "kel/Platform/Error.hpp"
@@ -33,15 +34,16 @@ namespace detail {
 class URLSessionCore;
 }
 
-class URLSessionTask final : public Cancellable,
-                             public std::enable_shared_from_this<URLSessionTask> {
+class KEL_EXPORT URLSessionTask final : public Cancellable,
+                                        public std::enable_shared_from_this<URLSessionTask> {
   public:
     enum class State { running, suspended, canceling, completed };
     using CompletionHandler = std::function<void(
         std::optional<Data> data, std::shared_ptr<const URLResponse> response, Error error)>;
 
-    URLSessionTask(std::shared_ptr<detail::URLSessionCore> core, std::uint64_t identifier,
-                   URLRequest request, CompletionHandler completion);
+    KEL_NO_EXPORT URLSessionTask(std::shared_ptr<detail::URLSessionCore> core,
+                                 std::uint64_t identifier, URLRequest request,
+                                 CompletionHandler completion);
     URLSessionTask(const URLSessionTask&) = delete;
     URLSessionTask& operator=(const URLSessionTask&) = delete;
 

@@ -15,11 +15,13 @@
 #include <string>
 #include <vector>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
 using Date = std::chrono::system_clock::time_point;
 
-struct DateInterval {
+struct KEL_EXPORT DateInterval {
     Date start;
     std::chrono::duration<double> duration{0.0};
 

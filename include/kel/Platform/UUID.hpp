@@ -17,9 +17,11 @@
 #include <string>
 #include <string_view>
 
+#include "kel/Export.hpp"
+
 namespace kel {
 
-class UUID {
+class KEL_EXPORT UUID {
   public:
     using Bytes = std::array<std::uint8_t, 16>;
 

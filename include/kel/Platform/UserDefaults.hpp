@@ -32,6 +32,7 @@
 // Ownership: stores are shared-owned (std::shared_ptr); the file outlives them.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Error.hpp"
 #include "kel/Platform/detail/JSONNumber.hpp"
 
@@ -46,7 +47,7 @@
 
 namespace kel {
 
-class UserDefaults {
+class KEL_EXPORT UserDefaults {
     struct Passkey {};
 
   public:

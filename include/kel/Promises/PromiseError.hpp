@@ -8,13 +8,14 @@
 // Thread rules: a value type; copies may travel to any thread.
 #pragma once
 
+#include "kel/Export.hpp"
 #include "kel/Platform/CaseError.hpp"
 
 namespace kel {
 
 enum class PromiseErrorCase : unsigned char { cancelled, abandoned };
 
-class PromiseError : public CaseError<PromiseError, PromiseErrorCase> {
+class KEL_EXPORT PromiseError : public CaseError<PromiseError, PromiseErrorCase> {
   public:
     using CaseError::CaseError;
 

@@ -15,11 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "kel/Export.hpp"
 #include "kel/Platform/Error.hpp"
 
 namespace kel {
 
-class WhenError : public std::exception {
+class KEL_EXPORT WhenError : public std::exception {
   public:
     explicit WhenError(std::vector<Error> errors);
 

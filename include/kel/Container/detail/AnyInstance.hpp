@@ -84,12 +84,12 @@ std::string dynamicTypeName(const T& value) {
     if constexpr (IsSharedPointer<T>::value) {
         if constexpr (std::is_polymorphic_v<typename T::element_type>) {
             if (value) {
-                return demangle(typeid(*value).name());
+                return runtime::demangle(typeid(*value).name());
             }
         }
-        return demangle(typeid(typename T::element_type).name());
+        return runtime::demangle(typeid(typename T::element_type).name());
     } else {
-        return demangle(typeid(T).name());
+        return runtime::demangle(typeid(T).name());
     }
 }
 
@@ -97,9 +97,9 @@ std::string dynamicTypeName(const T& value) {
 template <class T>
 std::string staticTypeName() {
     if constexpr (IsSharedPointer<T>::value) {
-        return demangle(typeid(typename T::element_type).name());
+        return runtime::demangle(typeid(typename T::element_type).name());
     } else {
-        return demangle(typeid(T).name());
+        return runtime::demangle(typeid(T).name());
     }
 }
 

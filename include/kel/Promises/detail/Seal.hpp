@@ -37,10 +37,22 @@
 #include <vector>
 
 #include "kel/Concurrency/MutexLock.hpp"
+#include "kel/Export.hpp"
 #include "kel/Platform/FatalError.hpp"
 #include "kel/Platform/InlineFunction.hpp"
 #include "kel/Promises/Resolution.hpp"
 #include "kel/Promises/detail/SealAllocator.hpp"
+
+namespace kel::runtime {
+
+// The per-thread state of AfterSettlement. Exported, so that the process has one copy: promise
+// code compiled into the library and into the application counts the same settlements.
+struct KEL_EXPORT SettlementState {
+    static inline thread_local int depth = 0;  // settlements in progress on this thread
+    static inline thread_local std::vector<InlineFunction<void(), 48>>* pendingList = nullptr;
+};
+
+}  // namespace kel::runtime
 
 namespace kel {
 
@@ -59,7 +71,7 @@ class Seal;
 // (the walk of `all`) use it, so that a thread never holds one seal's lock while it waits for
 // another's: two threads settling inputs in opposite orders cannot deadlock, and a walk never
 // re-locks a seal its own thread is settling.
-class AfterSettlement {
+class AfterSettlement : runtime::SettlementState {
   public:
     template <class Work>
     static void run(Work&& work) {
@@ -98,9 +110,6 @@ class AfterSettlement {
         }
         return *pendingList;
     }
-
-    static inline thread_local int depth = 0;  // settlements in progress on this thread
-    static inline thread_local std::vector<InlineFunction<void(), 48>>* pendingList = nullptr;
 };
 
 // A handler of a seal: called with the resolution and the seal that resolved, through which a
@@ -130,9 +139,9 @@ class Seal {
     Seal(const Seal&) = delete;
     Seal& operator=(const Seal&) = delete;
 
-    static void* operator new(std::size_t size) { return SealAllocator::allocate(size); }
+    static void* operator new(std::size_t size) { return runtime::SealAllocator::allocate(size); }
     static void operator delete(void* block, std::size_t size) noexcept {
-        SealAllocator::deallocate(block, size);
+        runtime::SealAllocator::deallocate(block, size);
     }
 
     // The weight of a settler's reference; a reader's weighs 1. Readers are counted in the low

@@ -1,5 +1,5 @@
-// kel::detail::SealAllocator — where promise seals live; an implementation detail of
-// Promise.hpp, not for direct use.
+// kel::runtime::SealAllocator — where promise seals live; a runtime entry point of the library
+// that Promise.hpp's inline code calls (exported), not for direct use.
 //
 // Every promise is one seal, so creating and chaining promises is dominated by allocating and
 // freeing small blocks of a handful of sizes. Each thread keeps a short free list per 32-byte
@@ -16,11 +16,13 @@
 
 #include <cstddef>
 
-namespace kel::detail {
+#include "kel/Export.hpp"
 
-struct SealAllocator {
+namespace kel::runtime {
+
+struct KEL_EXPORT SealAllocator {
     static void* allocate(std::size_t size);
     static void deallocate(void* block, std::size_t size) noexcept;
 };
 
-}  // namespace kel::detail
+}  // namespace kel::runtime
