@@ -48,16 +48,12 @@ std::vector<Promise<T>> listOf(Promise<T> first, More... more) {
     return list;
 }
 
-// Counts the copies made of it; moves are free.
+// Counts the copies made of it; moves are free, and copy assignment would not compile.
 struct Counted {
     explicit Counted(std::shared_ptr<std::atomic<int>> counter) : copies(std::move(counter)) {}
     Counted(const Counted& other) : copies(other.copies) { ++*copies; }
     Counted(Counted&&) noexcept = default;
-    Counted& operator=(const Counted& other) {
-        copies = other.copies;
-        ++*copies;
-        return *this;
-    }
+    Counted& operator=(const Counted&) = delete;
     Counted& operator=(Counted&&) noexcept = default;
     std::shared_ptr<std::atomic<int>> copies;
 };
@@ -162,6 +158,19 @@ TEST(MoveOnlyValue, AUniquelyOwnedCopyableValueIsMovedAndASharedOneCopied) {
     settledValue(raced);
     // `pending` still holds its promise: the race copies that value, and nothing else is copied.
     EXPECT_EQ(copies->load(), 1);
+}
+
+TEST(MoveOnlyValue, CallablesAndValuesAreNotCopiedAlongTheChain) {
+    auto copies = std::make_shared<std::atomic<int>>(0);
+    DispatchQueue queue("test.copies");
+    test::Pending<Counted> source;
+    auto end =
+        source.promise
+            .then(queue, [counter = Counted(copies)](const Counted& v) { return v.copies; })
+            .then(zalgo(), [](const std::shared_ptr<std::atomic<int>>& c) { return c->load(); });
+    (*source.fulfill)(Counted(copies));
+    EXPECT_EQ(test::await(end).value(), 0);
+    EXPECT_EQ(copies->load(), 0);
 }
 
 }  // namespace

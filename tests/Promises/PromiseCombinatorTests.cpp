@@ -36,8 +36,7 @@ TEST(PromiseAll, FirstFailureInCollectionOrderWinsAndACancelledElementCancels) {
     p1.reject(e1);
     EXPECT_TRUE(all.resolution()->error() == e1);
 
-    auto cancelled = Promise<void>::all(
-        {Promise<void>::fulfilled(), Promise<void>([](auto, auto, auto cancel) { cancel(); })});
+    auto cancelled = Promise<void>::all({Promise<void>::fulfilled(), cancelledPromise<void>()});
     EXPECT_TRUE(cancelled.resolution()->isCancelled());
 }
 
@@ -86,11 +85,7 @@ TEST(PromiseRace, DecidesOnceUnderConcurrentSettles) {
     constexpr int kInputs = 4;
     for (int iteration = 0; iteration < 100; ++iteration) {
         std::vector<DeferredPromise<int>> inputs(kInputs);
-        std::vector<Promise<int>> promises;
-        for (auto& input : inputs) {
-            promises.push_back(input.promise);
-        }
-        auto race = Promise<int>::race(promises);
+        auto race = Promise<int>::race(promisesOf(inputs));
         std::atomic<int> outcomes{0};
         race.always(zalgo(), [&] { ++outcomes; });
         std::latch start(kInputs);

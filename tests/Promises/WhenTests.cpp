@@ -42,8 +42,8 @@ TEST(WhenList, CollectsEveryErrorInIndexOrderAfterAllSettle) {
 
 TEST(WhenList, ValuesComeBackInInputOrderAndCancelledInputsVanish) {
     DeferredPromise<std::string> a, b;
-    Promise<std::string> cancelled([](auto, auto, auto cancel) { cancel(); });
-    auto joined = when(DispatchQueue("test.when"), {a.promise, cancelled, b.promise});
+    auto joined =
+        when(DispatchQueue("test.when"), {a.promise, cancelledPromise<std::string>(), b.promise});
     b.resolve("b");
     a.resolve("a");
     EXPECT_EQ(await(joined).value(), (std::vector<std::string>{"a", "b"}));
@@ -53,11 +53,7 @@ TEST(WhenList, InputsSettledOnManyThreadsWithAConcurrentQueue) {
     constexpr int kInputs = 64;
     for (int iteration = 0; iteration < 20; ++iteration) {
         std::vector<DeferredPromise<int>> inputs(kInputs);
-        std::vector<Promise<int>> promises;
-        for (auto& input : inputs) {
-            promises.push_back(input.promise);
-        }
-        auto joined = when(DispatchQueue::global(), promises);
+        auto joined = when(DispatchQueue::global(), promisesOf(inputs));
         std::vector<std::jthread> threads;
         for (int t = 0; t < 4; ++t) {
             threads.emplace_back([&, t] {
@@ -97,8 +93,7 @@ TEST(WhenTuple, ValuesOfMixedTypesOrEveryFailureInPositionOrder) {
     failingA.reject(ea);
     expectWhenErrors(await(failed).error(), {ea, ec});
 
-    auto withCancel = when(zalgo(), Promise<int>::fulfilled(1),
-                           Promise<int>([](auto, auto, auto cancel) { cancel(); }));
+    auto withCancel = when(zalgo(), Promise<int>::fulfilled(1), cancelledPromise<int>());
     expectWhenErrors(await(withCancel).error(), {});
 }
 
@@ -113,8 +108,7 @@ TEST(WhenSomeAndFirst, OneValueIsEnoughOtherwiseEveryErrorIsReported) {
     Error eb = makeTestError("b");
     auto none = whenSome(zalgo(), Promise<int>::rejected(ea), Promise<void>::rejected(eb));
     expectWhenErrors(await(none).error(), {ea, eb});
-    auto cancelledBoth = whenSome(zalgo(), Promise<int>([](auto, auto, auto cancel) { cancel(); }),
-                                  Promise<void>([](auto, auto, auto cancel) { cancel(); }));
+    auto cancelledBoth = whenSome(zalgo(), cancelledPromise<int>(), cancelledPromise<void>());
     expectWhenErrors(await(cancelledBoth).error(), {});
 
     // whenFirst needs only the first input.
@@ -145,9 +139,7 @@ TEST(Firstly, QueueFormsRunOnTheQueueAndFollowValueButNotCancellation) {
     EXPECT_TRUE(firstly([&]() -> const Promise<int>& { return kept; }) == kept);
 
     // A cancelled inner promise leaves the result pending for ever.
-    const auto cancelledInner = [] {
-        return Promise<int>([](auto, auto, auto cancel) { cancel(); });
-    };
+    const auto cancelledInner = [] { return cancelledPromise<int>(); };
     auto outer = firstly(queue, cancelledInner);
     auto outerSync = firstlySync(queue, cancelledInner);
     queue.sync([] {});  // the asynchronous work item has run

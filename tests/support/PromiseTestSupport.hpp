@@ -11,6 +11,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "Watchdog.hpp"
 #include "kel/Platform/RunLoop.hpp"
@@ -60,6 +62,22 @@ Resolution<T> pumpUntilSettled(const Promise<T>& promise) {
     requireSettled(
         RunLoop::runUntil([&] { return promise.resolution().has_value(); }, kWatchdogTimeout));
     return *promise.resolution();
+}
+
+// A promise cancelled by its constructor's body, for the inputs of joins and chains.
+template <class T>
+Promise<T> cancelledPromise() {
+    return Promise<T>([](auto, auto, auto cancel) { cancel(); });
+}
+
+// The promises of a list of settlers (DeferredPromise or Pending), in the list's order.
+template <class Settlers>
+auto promisesOf(const Settlers& settlers) {
+    std::vector<std::remove_cvref_t<decltype(settlers.front().promise)>> promises;
+    for (const auto& settler : settlers) {
+        promises.push_back(settler.promise);
+    }
+    return promises;
 }
 
 inline Error makeTestError(const std::string& text) {
