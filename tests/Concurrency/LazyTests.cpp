@@ -34,13 +34,11 @@ TEST(LazyTest, LoadsOnceUnderConcurrentReaders) {
     lazy.onLoad([&](const std::string& value) { seen.push_back("before " + value); });
     EXPECT_EQ(loads, 0);
 
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (int i = 0; i < 8; ++i) {
         readers.emplace_back([&] { EXPECT_EQ(lazy.value(), "profile"); });
     }
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    readers.clear();
     EXPECT_EQ(loads, 1);
     lazy.onLoad([&](const std::string& value) { seen.push_back("after " + value); })
         .onLoad([&](const std::string&) { seen.push_back("chained"); });
@@ -66,7 +64,7 @@ TEST(LazyTest, FailedLoadReachesItsReaderAndTheNextReadRetries) {
 
     std::atomic<int> failures = 0;
     std::atomic<int> sevens = 0;
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (int i = 0; i < readerCount; ++i) {
         readers.emplace_back([&] {
             arrived.count_down();
@@ -77,9 +75,7 @@ TEST(LazyTest, FailedLoadReachesItsReaderAndTheNextReadRetries) {
             }
         });
     }
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    readers.clear();
     EXPECT_EQ(failures, 1);
     EXPECT_EQ(sevens, readerCount - 1);
     EXPECT_EQ(attempts, 2);

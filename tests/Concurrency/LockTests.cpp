@@ -54,14 +54,11 @@ void checkExclusion(L& lock) {
     EXPECT_EQ(counter, std::uint64_t{threadCount} * rounds);
 }
 
-TEST(LockExclusion, UnfairLockAdmitsOneHolderAtATime) {
-    UnfairLock lock(UnfairLock::Options::dataSynchronization);
-    checkExclusion(lock);
-}
-
-TEST(LockExclusion, MutexLockAdmitsOneHolderAtATime) {
-    kel::MutexLock lock;
-    checkExclusion(lock);
+TEST(LockExclusion, UnfairLockAndMutexLockAdmitOneHolderAtATime) {
+    UnfairLock unfair(UnfairLock::Options::dataSynchronization);
+    checkExclusion(unfair);
+    kel::MutexLock mutex;
+    checkExclusion(mutex);
 }
 
 TEST(UnfairLockOptions, OptionWordLooksOnlyAtBitZero) {

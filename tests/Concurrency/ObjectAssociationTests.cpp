@@ -73,13 +73,10 @@ TEST(ObjectAssociationTest, PoliciesForSharedObjects) {
 // Threads writing and reading their own associations on one fresh object: the slot is made once
 // and no value is lost.
 TEST(ObjectAssociationTest, ConcurrentFirstWritesMakeOneSlotAndLoseNoValue) {
-    const ObjectAssociation<int> associations[4] = {
-        ObjectAssociation<int>(AssociationPolicy::strong),
-        ObjectAssociation<int>(AssociationPolicy::strong),
-        ObjectAssociation<int>(AssociationPolicy::strong),
-        ObjectAssociation<int>(AssociationPolicy::strong)};
+    const auto strong = [] { return ObjectAssociation<int>(AssociationPolicy::strong); };
+    const ObjectAssociation<int> associations[] = {strong(), strong(), strong(), strong()};
     auto view = std::make_shared<View>();
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (const ObjectAssociation<int>& association : associations) {
         threads.emplace_back([&] {
             for (int round = 0; round < 200; ++round) {
@@ -87,9 +84,7 @@ TEST(ObjectAssociationTest, ConcurrentFirstWritesMakeOneSlotAndLoseNoValue) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     for (const ObjectAssociation<int>& association : associations) {
         EXPECT_EQ(association.get(*view), 199);
     }
