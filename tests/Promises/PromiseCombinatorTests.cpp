@@ -15,7 +15,7 @@ namespace {
 
 using namespace test;
 
-TEST(PromiseAll, ValuesKeepCollectionOrderWhateverTheSettleOrder) {
+TEST(PromiseAll, CollectionOrderDecidesTheValuesAndWhichFailureWins) {
     EXPECT_TRUE(Promise<int>::all(std::vector<Promise<int>>{}).resolution()->value().empty());
 
     DeferredPromise<int> a, b, c;
@@ -25,16 +25,15 @@ TEST(PromiseAll, ValuesKeepCollectionOrderWhateverTheSettleOrder) {
     EXPECT_FALSE(all.resolution().has_value());
     a.resolve(1);
     EXPECT_EQ(all.resolution()->value(), (std::vector<int>{1, 2, 3}));
-}
 
-TEST(PromiseAll, FirstFailureInCollectionOrderWinsAndACancelledElementCancels) {
+    // The first failure in collection order wins, and a cancelled element cancels.
     DeferredPromise<int> p1, p2;
-    auto all = Promise<int>::all({p1.promise, p2.promise});
+    auto failed = Promise<int>::all({p1.promise, p2.promise});
     Error e1 = makeTestError("e1");
     p2.reject(makeTestError("e2"));
-    EXPECT_FALSE(all.resolution().has_value());  // p2 is not looked at before p1 has fulfilled
+    EXPECT_FALSE(failed.resolution().has_value());  // p2 is not looked at before p1 has fulfilled
     p1.reject(e1);
-    EXPECT_TRUE(all.resolution()->error() == e1);
+    EXPECT_TRUE(failed.resolution()->error() == e1);
 
     auto cancelled = Promise<void>::all({Promise<void>::fulfilled(), cancelledPromise<void>()});
     EXPECT_TRUE(cancelled.resolution()->isCancelled());

@@ -28,25 +28,25 @@ TEST(WhenList, EmptyListFulfilsAsynchronouslyOnTheQueue) {
     EXPECT_TRUE(pumpUntilSettled(joined).value().empty());
 }
 
-TEST(WhenList, CollectsEveryErrorInIndexOrderAfterAllSettle) {
-    DeferredPromise<int> p1, p2, p3;
-    auto joined = when(zalgo(), {p1.promise, p2.promise, p3.promise});
-    Error e2 = makeTestError("e2");
-    Error e3 = makeTestError("e3");
-    p3.reject(e3);
-    p2.reject(e2);
-    EXPECT_FALSE(joined.resolution().has_value());  // waits for p1 too
-    p1.resolve(1);
-    expectWhenErrors(await(joined).error(), {e2, e3});
-}
-
-TEST(WhenList, ValuesComeBackInInputOrderAndCancelledInputsVanish) {
+// Values and errors both come back in input order, errors only once every input has settled;
+// cancelled inputs vanish.
+TEST(WhenList, InputOrderForValuesAndEveryErrorAfterAllSettle) {
     DeferredPromise<std::string> a, b;
     auto joined =
         when(DispatchQueue("test.when"), {a.promise, cancelledPromise<std::string>(), b.promise});
     b.resolve("b");
     a.resolve("a");
     EXPECT_EQ(await(joined).value(), (std::vector<std::string>{"a", "b"}));
+
+    DeferredPromise<int> p1, p2, p3;
+    auto failed = when(zalgo(), {p1.promise, p2.promise, p3.promise});
+    Error e2 = makeTestError("e2");
+    Error e3 = makeTestError("e3");
+    p3.reject(e3);
+    p2.reject(e2);
+    EXPECT_FALSE(failed.resolution().has_value());  // waits for p1 too
+    p1.resolve(1);
+    expectWhenErrors(await(failed).error(), {e2, e3});
 }
 
 TEST(WhenList, InputsSettledOnManyThreadsWithAConcurrentQueue) {
