@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -22,13 +21,11 @@ namespace {
 
 using Box = std::unique_ptr<int>;
 
-// Waits until the promise settles and returns its value, read in place.
+// Waits until the promise settles and returns its value, read in place: a move-only value
+// cannot be copied out.
 template <class T>
 const T& settledValue(const Promise<T>& promise) {
-    auto settled = std::make_shared<std::promise<void>>();
-    auto future = settled->get_future();
-    promise.always(zalgo(), [settled] { settled->set_value(); });
-    test::requireSettled(future.wait_for(test::kWatchdogTimeout) == std::future_status::ready);
+    test::waitUntilSettled(promise);
     return promise.value();
 }
 

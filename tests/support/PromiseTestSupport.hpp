@@ -45,13 +45,19 @@ inline void requireSettled(bool settled) {
     }
 }
 
-// Blocks until the promise settles (without the main queue) and returns how it settled.
+// Blocks until the promise settles, without the main queue.
 template <class T>
-Resolution<T> await(const Promise<T>& promise) {
+void waitUntilSettled(const Promise<T>& promise) {
     auto settled = std::make_shared<std::promise<void>>();
     auto future = settled->get_future();
     promise.always(zalgo(), [settled] { settled->set_value(); });
     requireSettled(future.wait_for(kWatchdogTimeout) == std::future_status::ready);
+}
+
+// Blocks until the promise settles, without the main queue, and returns how it settled.
+template <class T>
+Resolution<T> await(const Promise<T>& promise) {
+    waitUntilSettled(promise);
     return *promise.resolution();
 }
 
