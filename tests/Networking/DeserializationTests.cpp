@@ -23,19 +23,6 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Quote, text, year)
 
 static_assert(kel::DeserializerType<kel::JSONDeserializer<Quote>>);
 
-std::span<const std::uint8_t> bytes(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-TEST(JSONDeserializer, DecodesAndThrowsTheDecodersErrorsUnchanged) {
-    kel::JSONDeserializer<Quote> deserializer;
-    EXPECT_EQ(deserializer.deserialize(bytes(R"({"text":"hi","year":1999})")), (Quote{"hi", 1999}));
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi")")), nlohmann::json::parse_error);
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi","year":"x"})")),
-                 nlohmann::json::type_error);
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi"})")), nlohmann::json::out_of_range);
-}
-
 struct Fixture {
     std::string path;
     std::string filePath() const { return path; }
