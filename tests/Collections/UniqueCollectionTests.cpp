@@ -27,7 +27,8 @@ struct Model {
 
 static_assert(!kel::Identifiable<int>);
 
-TEST(UniqueCollectionBuilding, FindsByIdentifierAndMovesOutLeavingAnEmptyCollection) {
+TEST(UniqueCollectionBuilding,
+     FindsByIdentifierKeepsFirstUniqueAndMovesOutLeavingAnEmptyCollection) {
     kel::UniqueCollection<std::string> collection{"b", "c"};
     collection.prepend("a");
     collection.appendContentsOf(Strings{"x", "y"});
@@ -44,20 +45,22 @@ TEST(UniqueCollectionBuilding, FindsByIdentifierAndMovesOutLeavingAnEmptyCollect
     EXPECT_TRUE(collection.empty());  // and still usable
     collection.append("x");
     EXPECT_EQ(collection.indexOf("x"), 0u);
+
+    EXPECT_EQ(
+        kel::UniqueCollection<std::string>::keepingFirstUniqueFrom({"a", "a", "b", "a", "c", "b"})
+            .array(),
+        (Strings{"a", "b", "c"}));
 }
 
-TEST(UniqueCollectionBuilding, KeepingFirstUniqueDropsEqualRepeats) {
-    const auto strings =
-        kel::UniqueCollection<std::string>::keepingFirstUniqueFrom({"a", "a", "b", "a", "c", "b"});
-    EXPECT_EQ(strings.array(), (Strings{"a", "b", "c"}));
-}
-
-TEST(UniqueCollectionReplacing, ReplacesInPlace) {
+TEST(UniqueCollectionReplacing, ReplacesInPlaceAndPrintsTheElementList) {
     kel::UniqueCollection<Model> collection{{"a"}, {"b"}, {"c"}};
     collection.replace(Model{"b"}, Model{"b", 2});
     collection.replace(Model{"a"}, Model{"z"});
     EXPECT_EQ(collection, (kel::UniqueCollection<Model>{{"z"}, {"b", 2}, {"c"}}));
     EXPECT_FALSE(collection.contains("a"));
+    std::ostringstream stream;
+    stream << collection;
+    EXPECT_EQ(stream.str(), "[z@0, b@2, c@0]");
 }
 
 // Random edits checked against a plain vector: the identifier table must follow every shift,
@@ -107,12 +110,6 @@ TEST(UniqueCollectionEditing, IdentifierTableFollowsRandomEditsAndCopies) {
     for (std::size_t position = 0; position < model.size(); ++position) {
         ASSERT_EQ(collection.indexOf(model[position]), position);
     }
-}
-
-TEST(UniqueCollectionDescription, PrintsTheElementList) {
-    std::ostringstream stream;
-    stream << kel::UniqueCollection<Model>{{"m", 2}, {"n", 3}};
-    EXPECT_EQ(stream.str(), "[m@2, n@3]");
 }
 
 TEST(UniqueCollectionDeathTest, RepeatedIdentifiersStopTheProcess) {

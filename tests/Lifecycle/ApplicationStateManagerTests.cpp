@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -119,16 +118,6 @@ TEST(ApplicationStateRegistration, ChangesDuringADispatchCountFromTheNextOne) {
     manager.didBecomeActive();
     EXPECT_EQ(journal, (Journal{"changer.active", "twice.active", "twice.active", "changer.active",
                                 "twice.active", "added.active"}));
-}
-
-TEST(ApplicationStateLaunchOptionKeys, EqualByCaseAndTextAndHashedAlike) {
-    std::unordered_map<ApplicationStateLaunchOptionKey, int> byKey{
-        {ApplicationStateLaunchOptionKey::unknown("a"), 1},
-        {ApplicationStateLaunchOptionKey::unknown("A"), 2},
-        {ApplicationStateLaunchOptionKey::url, 3}};
-    byKey[ApplicationStateLaunchOptionKey::unknown("a")] += 10;
-    EXPECT_EQ(byKey.size(), 3u);
-    EXPECT_EQ(byKey.at(ApplicationStateLaunchOptionKey::unknown("a")), 11);
 }
 
 }  // namespace

@@ -7,12 +7,12 @@
 #include <fstream>
 #include <memory>
 
-#include "LoopbackServers.hpp"
+#include "PromiseTestSupport.hpp"
 #include "ScopedEnvironment.hpp"
 
 namespace {
 
-using kel::test::Outcomes;
+using kel::test::await;
 
 struct Quote {
     std::string text;
@@ -23,38 +23,10 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Quote, text, year)
 
 static_assert(kel::DeserializerType<kel::JSONDeserializer<Quote>>);
 
-std::span<const std::uint8_t> bytes(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-TEST(JSONDeserializer, DecodesAndThrowsTheDecodersErrorsUnchanged) {
-    kel::JSONDeserializer<Quote> deserializer;
-    EXPECT_EQ(deserializer.deserialize(bytes(R"({"text":"hi","year":1999})")), (Quote{"hi", 1999}));
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi")")), nlohmann::json::parse_error);
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi","year":"x"})")),
-                 nlohmann::json::type_error);
-    EXPECT_THROW(deserializer.deserialize(bytes(R"({"text":"hi"})")), nlohmann::json::out_of_range);
-}
-
 struct Fixture {
     std::string path;
     std::string filePath() const { return path; }
 };
-
-// Waits for a promise's value or error.
-template <class T>
-std::pair<std::optional<T>, kel::Error> settle(kel::Promise<T> promise) {
-    auto outcomes = std::make_shared<Outcomes<std::pair<std::optional<T>, kel::Error>>>();
-    promise.then(kel::zalgo(),
-                 [outcomes](const T& value) {
-                     outcomes->add({value, nullptr});
-                 })
-        .error(kel::zalgo(), [outcomes](const kel::Error& error) {
-            outcomes->add({std::nullopt, error});
-        });
-    auto all = outcomes->waitFor(1);
-    return all.empty() ? std::pair<std::optional<T>, kel::Error>{} : all.front();
-}
 
 TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
     kel::test::ScratchDirectory content;
@@ -64,11 +36,11 @@ TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
 
     kel::TestDataLoader<Fixture> sample(Fixture{"quotes/sample"}, content.path());
     EXPECT_EQ(sample.filePath(), content.path().string() + "/quotes/sample.json");
-    EXPECT_EQ(settle(sample.loadDataWithType<Quote>()).first, (Quote{"hi", 1999}));
+    EXPECT_EQ(await(sample.loadDataWithType<Quote>()).value(), (Quote{"hi", 1999}));
 
-    auto broken = settle(kel::TestDataLoader<Fixture>(Fixture{"quotes/broken"}, content.path())
-                             .loadDataWithType<Quote>());
-    auto error = kel::errorAs<kel::TestDataError>(broken.second);
+    auto broken = await(kel::TestDataLoader<Fixture>(Fixture{"quotes/broken"}, content.path())
+                            .loadDataWithType<Quote>());
+    auto error = kel::errorAs<kel::TestDataError>(broken.error());
     ASSERT_TRUE(error);
     EXPECT_EQ(error->value(), kel::TestDataError::Case::invalidTestData);
     EXPECT_TRUE(kel::errorIs<nlohmann::json::parse_error>(error->error()));
@@ -81,7 +53,7 @@ TEST(TestDataLoader, FindsLoadsAndRejectsFixtures) {
     }
     // A fixture that disappears (or turns unreadable) after construction rejects the load.
     std::filesystem::remove(content / "quotes/sample.json");
-    EXPECT_EQ(kel::errorAs<kel::TestDataError>(settle(sample.loadDataWithType<Quote>()).second),
+    EXPECT_EQ(kel::errorAs<kel::TestDataError>(await(sample.loadDataWithType<Quote>()).error()),
               kel::TestDataError::missingTestData);
 }
 
@@ -99,7 +71,7 @@ TEST(TestDataLoader, WithoutAContentDirectoryLooksInTheDocumentsFolder) {
     environment.set("XDG_DOCUMENTS_DIR", std::nullopt);
     kel::TestDataLoader<Fixture> documents(Fixture{"b"});
     EXPECT_EQ(documents.filePath(), (home / "Documents/TestContent").string() + "/b.json");
-    EXPECT_EQ(settle(documents.loadDataWithType<std::vector<int>>()).first, std::vector<int>{2});
+    EXPECT_EQ(await(documents.loadDataWithType<std::vector<int>>()).value(), std::vector<int>{2});
 }
 
 }  // namespace

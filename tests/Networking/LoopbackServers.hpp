@@ -29,6 +29,23 @@
 
 namespace kel::test {
 
+inline std::string loopbackURL(int port, const std::string& path) {
+    return "http://127.0.0.1:" + std::to_string(port) + path;
+}
+
+// A stream socket bound to an ephemeral loopback port; `port` receives the port.
+inline int boundLoopbackSocket(int& port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
 class HTTPServer {
   public:
     HTTPServer() {
@@ -57,9 +74,7 @@ class HTTPServer {
         }
     }
 
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
+    std::string url(const std::string& path) const { return loopbackURL(port_, path); }
 
   private:
     httplib::Server server_;
@@ -75,15 +90,8 @@ class FaultServer {
 
     explicit FaultServer(Script script, std::string body = "{}")
         : script_(std::move(script)), body_(std::move(body)) {
-        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listener_ = boundLoopbackSocket(port_);
         ::listen(listener_, 64);
-        socklen_t length = sizeof address;
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
         ::pipe2(wake_, O_CLOEXEC);
         thread_ = std::thread([this] { serve(); });
     }
@@ -98,9 +106,7 @@ class FaultServer {
     FaultServer(const FaultServer&) = delete;
     FaultServer& operator=(const FaultServer&) = delete;
 
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
+    std::string url(const std::string& path) const { return loopbackURL(port_, path); }
     int requests() const { return requests_.load(); }
 
   private:
@@ -187,17 +193,11 @@ class FaultServer {
     std::thread thread_;
 };
 
-// A closed port on loopback: bound, then released, so a connection to it is refused.
-inline int closedLoopbackPort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+// A URL on a closed loopback port (bound, then released), so a connection to it is refused.
+inline std::string refusedURL() {
+    int port = 0;
+    ::close(boundLoopbackSocket(port));
+    return loopbackURL(port, "/");
 }
 
 // Collects completions of one kind from any thread; the test waits for a count of them.

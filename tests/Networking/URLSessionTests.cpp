@@ -36,12 +36,6 @@ kel::URLRequest request(const std::string& url,
                            kel::URLRequest::CachePolicy::useProtocolCachePolicy, timeout);
 }
 
-kel::URLSessionConfiguration timingOn() {
-    auto configuration = kel::URLSessionConfiguration::defaultSessionConfiguration();
-    configuration.setKs_timingDataEnabled(true);
-    return configuration;
-}
-
 // Loads one request through session and waits for its completion.
 Loaded load(kel::URLSession& session, const kel::URLRequest& urlRequest) {
     Outcomes<Loaded> outcomes;
@@ -121,7 +115,9 @@ TEST(URLSessionLoading, ReusesTheConnectionAndReportsTimings) {
         res.set_content("ok", "text/plain");
     });
     http.start();
-    auto session = kel::URLSession::make(timingOn());
+    auto configuration = kel::URLSessionConfiguration::defaultSessionConfiguration();
+    configuration.setKs_timingDataEnabled(true);
+    auto session = kel::URLSession::make(configuration);
 
     auto first = load(*session, request(http.url("/")));
     auto second = load(*session, request(http.url("/")));
@@ -151,8 +147,6 @@ TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
     FaultServer stalled([](int) { return FaultServer::Action::stall; });
     FaultServer cut([](int) { return FaultServer::Action::closeMidBody; });
     FaultServer silent([](int) { return FaultServer::Action::closeWithoutReply; });
-    std::string refused =
-        "http://127.0.0.1:" + std::to_string(kel::test::closedLoopbackPort()) + "/";
 
     auto timedOut = load(*session, request(stalled.url("/"), 0.2));
     EXPECT_EQ(timedOut.urlError(), kel::URLError::timedOut);
@@ -171,7 +165,8 @@ TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
               kel::URLError::networkConnectionLost);
     EXPECT_EQ(load(*session, request(silent.url("/"))).urlError(),
               kel::URLError::networkConnectionLost);
-    EXPECT_EQ(load(*session, request(refused)).urlError(), kel::URLError::cannotConnectToHost);
+    EXPECT_EQ(load(*session, request(kel::test::refusedURL())).urlError(),
+              kel::URLError::cannotConnectToHost);
     // The reserved top-level domain fails at once, whatever the machine's resolver would do.
     EXPECT_EQ(load(*session, request("http://feed.example.invalid/")).urlError(),
               kel::URLError::cannotFindHost);
@@ -226,10 +221,6 @@ TEST(URLSessionLoading, ManyConcurrentTasksEachCompleteOnce) {
     EXPECT_EQ(bodies.waitFor(count), std::vector<std::string>(count, "[1]"));
     EXPECT_EQ(server.requests(), static_cast<int>(count));
 }
-
-}  // namespace
-
-namespace {
 
 TEST(URLSessionLifetime, HandlersRunOnTheGivenQueueAndMayReleaseTheirSession) {
     HTTPServer http;
