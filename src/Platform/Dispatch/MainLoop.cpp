@@ -21,6 +21,13 @@ void MainLoop::push(Task work) {
     }
 }
 
+void MainLoop::runNext(std::unique_lock<std::mutex>& lock, const QueueCore* mainQueue) {
+    Task work = items_.pop();
+    lock.unlock();
+    CurrentQueueScope scope(mainQueue);
+    runWork(work);
+}
+
 void MainLoop::run() {
     const QueueCore* mainQueue = mainQueueCore().get();
     std::unique_lock lock(mutex_);
@@ -31,12 +38,7 @@ void MainLoop::run() {
             break;
         }
         if (!items_.empty()) {
-            {
-                Task work = items_.pop();
-                lock.unlock();
-                CurrentQueueScope scope(mainQueue);
-                runWork(work);
-            }
+            runNext(lock, mainQueue);
             lock.lock();
             continue;
         }
@@ -58,10 +60,7 @@ bool MainLoop::runUntil(const std::function<bool()>* predicate, DispatchTime dea
         }
         std::unique_lock lock(mutex_);
         if (!items_.empty()) {
-            Task work = items_.pop();
-            lock.unlock();
-            CurrentQueueScope scope(mainQueue);
-            runWork(work);
+            runNext(lock, mainQueue);
             continue;
         }
         DispatchTime now = DispatchTime::now();

@@ -20,6 +20,8 @@
 
 namespace kel::detail {
 
+class QueueCore;
+
 class MainLoop {
   public:
     void push(Task work);
@@ -29,6 +31,10 @@ class MainLoop {
     void stop();
 
   private:
+    // Takes the first item (the caller holds `lock` and the ring is not empty), releases the lock
+    // and runs the item marked as an item of the main queue; returns with `lock` released.
+    void runNext(std::unique_lock<std::mutex>& lock, const QueueCore* mainQueue);
+
     std::mutex mutex_;  // guards everything below
     std::condition_variable wake_;
     Ring<Task> items_;

@@ -110,13 +110,9 @@ class QueueCore : public std::enable_shared_from_this<QueueCore> {
             waitForSyncTurn();
         }
         SyncRelease release{this};
-        CurrentQueueScope scope(this);
-        if (target) {
-            target->syncInvoke(invoke, context);
-        } else {
-            invoke(context);
-        }
+        syncOnConcurrent(invoke, context);
     }
+    // Runs the call on the calling thread, marked as running on this queue (and its target).
     void syncOnConcurrent(void (*invoke)(void*), void* context) {
         CurrentQueueScope scope(this);
         if (target) {
