@@ -32,17 +32,12 @@ void Operation::start() {
     didChangeValueForKey(isExecutingKey);
 
     main();
-
-    willChangeValueForKey(isExecutingKey);
-    willChangeValueForKey(isFinishedKey);
-    state_.store(State::finished, std::memory_order_release);
-    didChangeValueForKey(isExecutingKey);
-    didChangeValueForKey(isFinishedKey);
+    markFinished();
 }
 
 void Operation::main() {}
 
-void Operation::finishStandIn() {
+void Operation::markFinished() {
     willChangeValueForKey(isExecutingKey);
     willChangeValueForKey(isFinishedKey);
     state_.store(State::finished, std::memory_order_release);

@@ -191,7 +191,7 @@ void OperationQueueCore::runBlock(LightBlock* light) {
             dispatchDrainer(std::move(*drainerTarget));
         }
         if (standIn) {
-            standIn->finishStandIn();
+            standIn->markFinished();
         }
         if (next == nullptr) {
             return;

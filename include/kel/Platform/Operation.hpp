@@ -104,8 +104,9 @@ class KEL_EXPORT Operation : public KeyValueObservable,
     };
 
     void dependencyFinished(std::atomic<bool>& unfinished);
-    // Reports an operation that a queue made executing for a running block finished.
-    void finishStandIn();
+    // Moves an executing operation to finished, announcing both keys: the end of start(), and
+    // the end of a stand-in that a queue made executing for a block it ran.
+    void markFinished();
     void observeOwnFinish();
     void finishedChanged();
 
