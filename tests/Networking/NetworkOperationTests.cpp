@@ -260,7 +260,8 @@ TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndI
 }
 
 // Connection reuse itself is covered by the URLSession tests; here the default session is one
-// shared session with timing data on.
+// shared session with timing data on, whose handlers (the decoding) run on a serial queue of
+// its own rather than on its I/O thread.
 TEST_F(NetworkOperationRequests, DefaultSessionIsSharedWithTiming) {
     FaultServer server([](int) { return FaultServer::Action::respond; }, "[1]");
     auto operation = plain(server.url("/"));
@@ -271,6 +272,9 @@ TEST_F(NetworkOperationRequests, DefaultSessionIsSharedWithTiming) {
                                 "bytes, queued=[0-9]+ms, ttfb=[0-9]+ms, total=[0-9]+ms\\)"));
     EXPECT_EQ(kel::NetworkProxy::none.resolvedSession(), kel::NetworkProxy::none.resolvedSession());
     EXPECT_TRUE(kel::defaultURLSession()->configuration().ks_timingDataEnabled());
+    const auto& handlers = kel::defaultURLSession()->delegateQueue();
+    ASSERT_TRUE(handlers.has_value());
+    EXPECT_FALSE(handlers->isConcurrent());
 }
 
 TEST_F(NetworkOperationRequests, CancelledBeforeItStartsCancelsThePromise) {

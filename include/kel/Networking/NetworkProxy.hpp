@@ -2,7 +2,9 @@
 //
 // NetworkProxy::session(s) uses the given session; NetworkProxy::none uses the library's default
 // session, defaultURLSession(): a URLSession made once, thread-safely, on first use, from the
-// default configuration with timing data on, and kept for the rest of the process.
+// default configuration with timing data on, and kept for the rest of the process. Its
+// completion handlers (and so a network operation's decoding) run on a serial queue of its own,
+// "kel.URLSession.default.handlers", not on its I/O thread.
 //
 // Thread rules: a value type; copies may travel to any thread. defaultURLSession() may be
 // called from any thread.

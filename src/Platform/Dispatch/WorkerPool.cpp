@@ -24,7 +24,9 @@ void WorkerPool::push(Item item) {
         std::lock_guard lock(mutex_);
         items_.push(std::move(item));
         provision = provideWorkerLocked();
-        if (monitorParked_) {
+        // Only an item that no worker is on its way to can starve, so only such a push wakes
+        // the monitor; a push that wakes or starts a worker leaves it asleep.
+        if (monitorParked_ && items_.size() > starting_) {
             monitorParked_ = false;
             provision.wakeMonitor = true;
         }

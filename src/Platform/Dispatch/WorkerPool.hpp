@@ -114,7 +114,7 @@ class WorkerPool {
     std::vector<Worker*> freeWorkers_;  // records of exited workers, reused, never freed
     std::uint64_t completed_ = 0;       // items finished so far, for the monitor
     bool monitorStarted_ = false;
-    bool monitorParked_ = false;  // the monitor sleeps until work is pushed
+    bool monitorParked_ = false;  // the monitor sleeps until a push finds no worker
     std::condition_variable monitorWake_;
     std::condition_variable threadExited_;
 };
