@@ -27,18 +27,13 @@ auto recordInto(std::string prefix) {
 
 struct CallbackWorld : ContainerWorld {
     CallbackWorld() {
-        module.public_->register_<ServicePtr>(
-            [](const ResolverType&) { return std::make_shared<Service>("unnamed"); });
-        module.public_->register_<ServicePtr>(
-            "a", [](const ResolverType&) { return std::make_shared<Service>("a"); });
-        module.public_->register_<ServicePtr>(
-            "b", [](const ResolverType&) { return std::make_shared<Service>("b"); });
+        module.public_->register_<ServicePtr>(makes<Service>("unnamed"));
+        module.public_->register_<ServicePtr>("a", makes<Service>("a"));
+        module.public_->register_<ServicePtr>("b", makes<Service>("b"));
     }
 
     std::shared_ptr<Listener> listenerWith(CallbackScope scope, const std::string& tag) {
-        module.public_
-            ->register_<std::shared_ptr<Listener>>(
-                tag, [](const ResolverType&) { return std::make_shared<Listener>(); })
+        module.public_->register_<std::shared_ptr<Listener>>(tag, makes<Listener>())
             .whenResolving<ServicePtr>(std::move(scope), recordInto(tag + ":"));
         return *resolver.resolve<std::shared_ptr<Listener>>(tag);
     }
@@ -73,14 +68,10 @@ TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) 
 TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
     CallbackWorld world;
     std::vector<std::string> events;
-    world.module.public_
-        ->register_<ServicePtr>("configured",
-                                [](const ResolverType&) { return std::make_shared<Service>("c"); })
+    world.module.public_->register_<ServicePtr>("configured", makes<Service>("c"))
         .thenConfigure([&](ServicePtr, const ResolverType&) { events.push_back("configured"); })
         .inScope(Scope::singleton);
-    world.module.public_
-        ->register_<std::shared_ptr<Listener>>(
-            [](const ResolverType&) { return std::make_shared<Listener>(); })
+    world.module.public_->register_<std::shared_ptr<Listener>>(makes<Listener>())
         .whenResolving<ServicePtr>(CallbackScope::name("configured"),
                                    [&](std::shared_ptr<Listener>, ServicePtr, const ResolverType&) {
                                        events.push_back("callback");
@@ -93,9 +84,7 @@ TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotFor
 
     listener.reset();
     world.container->pool()->graphPass([] { return 0; });
-    world.module.public_
-        ->register_<ServicePtr>("configured",
-                                [](const ResolverType&) { return std::make_shared<Service>(); })
+    world.module.public_->register_<ServicePtr>("configured", makes<Service>())
         .inScope(Scope::none);
     world.resolver.resolve<ServicePtr>("configured");
     EXPECT_EQ(events.size(), 2u);
@@ -134,9 +123,7 @@ TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithT
             registration.whenResolving<ServicePtr>(CallbackScope::any(), listener,
                                                    recordInto("bridged:"));
         });
-    world.module.public_
-        ->register_<std::shared_ptr<Listener>>(
-            "bridged", [](const ResolverType&) { return std::make_shared<Listener>(); })
+    world.module.public_->register_<std::shared_ptr<Listener>>("bridged", makes<Listener>())
         .whenResolvingBridged();
     auto bridged = *world.resolver.resolve<std::shared_ptr<Listener>>("bridged");
 
@@ -151,10 +138,8 @@ TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithT
 
 TEST(ContextOverrides, NewestOverridesWinAndTheCallbackStoreIsShared) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>(
-        [](const ResolverType&) { return std::string("built"); });
-    world.module.public_->register_<std::shared_ptr<Dependency>>(
-        [](const ResolverType&) { return std::make_shared<Dependency>(); });
+    world.module.public_->register_<std::string>(returns(std::string("built")));
+    world.module.public_->register_<std::shared_ptr<Dependency>>(makes<Dependency>());
     std::vector<std::string> seen;
     world.module.public_
         ->register_<ServicePtr>([&](const ResolverType& r) {

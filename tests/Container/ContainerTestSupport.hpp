@@ -29,6 +29,17 @@ struct Right : Object {
     std::weak_ptr<Left> left;
 };
 
+// Factories for register_: one that builds a new T from copies of `args` on every call, one
+// that returns a copy of `value`.
+template <class T, class... Args>
+auto makes(Args... args) {
+    return [args...](const ResolverType&) { return std::make_shared<T>(args...); };
+}
+template <class T>
+auto returns(T value) {
+    return [value](const ResolverType&) { return value; };
+}
+
 struct ContainerWorld {
     std::shared_ptr<ZFInMemoryRegistry> registry = ZFInMemoryRegistry::make();
     std::shared_ptr<Container> container = Container::make();

@@ -22,13 +22,10 @@ using OtherPtr = std::shared_ptr<Other>;
 
 TEST(ProxyResolution, PublicShadowsPrivateAndBridgedAnswersOnlyTheClassForms) {
     ContainerWorld world;
-    world.module.private_->register_<std::string>(
-        [](const ResolverType&) { return std::string("private"); });
-    world.module.private_->register_<int>([](const ResolverType&) { return 2; });
-    world.module.public_->register_<std::string>(
-        [](const ResolverType&) { return std::string("public"); });
-    world.module.objc->register_<OtherPtr>(
-        [](const ResolverType&) { return std::make_shared<Other>(); });
+    world.module.private_->register_<std::string>(returns(std::string("private")));
+    world.module.private_->register_<int>(returns(2));
+    world.module.public_->register_<std::string>(returns(std::string("public")));
+    world.module.objc->register_<OtherPtr>(makes<Other>());
 
     EXPECT_EQ(world.resolver.resolve<std::string>(), "public");
     EXPECT_EQ(world.resolver.resolve<int>(), 2);
@@ -85,10 +82,8 @@ TEST(ProxyContainerSurfaces, RegistryIsAskedForItsCallbackOncePerSurface) {
 
 TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverriding) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>(
-        [](const ResolverType&) { return std::string("from public"); });
-    world.module.objc
-        ->register_<ServicePtr>([](const ResolverType&) { return std::make_shared<Service>(); })
+    world.module.public_->register_<std::string>(returns(std::string("from public")));
+    world.module.objc->register_<ServicePtr>(makes<Service>())
         .inScope(Scope::singleton)
         .thenConfigure([](ServicePtr service, const ResolverType& r) {
             service->label = *r.resolve<std::string>();
@@ -98,15 +93,12 @@ TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverri
     ServicePtr first = *world.resolver.resolve<ServicePtr>();
     EXPECT_EQ(first->label, "from public");
     EXPECT_EQ(*world.resolver.resolve<ServicePtr>(), first);
-    EXPECT_THROW(world.module.objc->register_<ServicePtr>(
-                     [](const ResolverType&) { return std::make_shared<Service>(); }),
-                 Exception);
+    EXPECT_THROW(world.module.objc->register_<ServicePtr>(makes<Service>()), Exception);
 }
 
 TEST(ProxyContainerSurfaces, OutermostResolutionsLinkTheBridgedResolverOnce) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>(
-        [](const ResolverType&) { return std::make_shared<Service>(); });
+    world.module.public_->register_<ServicePtr>(makes<Service>());
     world.module.public_->register_<std::shared_ptr<Dependency>>([](const ResolverType& r) {
         r.resolve<ServicePtr>();
         auto current = r.currentObjectGraphResolver(ZFObjectGraphTrait::shared);
@@ -121,12 +113,9 @@ TEST(ProxyContainerSurfaces, OutermostResolutionsLinkTheBridgedResolverOnce) {
 
 TEST(ProxyExplain, DescribesTheLookupWithoutChangingIt) {
     ContainerWorld world;
-    world.module.public_
-        ->register_<ServicePtr>("formal",
-                                [](const ResolverType&) { return std::make_shared<Service>(); })
+    world.module.public_->register_<ServicePtr>("formal", makes<Service>())
         .inScope(Scope::singleton);
-    world.module.private_->register_<ServicePtr>(
-        [](const ResolverType&) { return std::make_shared<Service>(); });
+    world.module.private_->register_<ServicePtr>(makes<Service>());
     auto sink = std::make_shared<CapturingLogSink>();
     ScopedLogSink scoped(sink);
 

@@ -18,11 +18,6 @@ using kel::DispatchGroup;
 using kel::DispatchQueue;
 using kel::DispatchTime;
 
-// Waits for a group, failing the test instead of hanging when something never runs.
-void expectEmpties(const DispatchGroup& group) {
-    ASSERT_TRUE(group.wait(DispatchTime::now() + 30.0)) << "work never finished";
-}
-
 // Counts the times an item found another item already running beside it.
 struct OverlapProbe {
     std::atomic<int> inside{0};
@@ -73,7 +68,7 @@ TEST(SerialQueue, RunsItemsAndSyncsOneAtATimeInSubmissionOrderPerProducer) {
         });
     }
     threads.clear();  // joins
-    expectEmpties(group);
+    ASSERT_TRUE(group.wait(kel::test::watchdogDeadline()));
     EXPECT_EQ(probe.overlaps.load(), 0);
     EXPECT_EQ(outOfOrder.load(), 0);
     EXPECT_EQ(lastSeen, std::vector<int>(producers, perProducer - 1));
@@ -151,7 +146,7 @@ TEST(SerialQueue, TargetQueueSerialisesItsSources) {
         target.async(group, item);
     }
     first.sync(item);
-    expectEmpties(group);
+    ASSERT_TRUE(group.wait(kel::test::watchdogDeadline()));
     EXPECT_EQ(probe.overlaps.load(), 0);
 }
 
@@ -164,7 +159,7 @@ TEST(ConcurrentQueue, RunsItemsInParallelAndSyncOnTheCaller) {
     for (int i = 0; i < 2; ++i) {
         queue.async(group, [&] { both.arrive_and_wait(); });
     }
-    expectEmpties(group);
+    ASSERT_TRUE(group.wait(kel::test::watchdogDeadline()));
     auto caller = std::this_thread::get_id();
     EXPECT_TRUE(DispatchQueue::global().sync([&] {
         return std::this_thread::get_id() == caller && DispatchQueue::global().isCurrent();
@@ -196,7 +191,7 @@ TEST(DispatchPool, BlockedWorkersDoNotStarveTheWorkTheyWaitFor) {
     // they hold the gate by copy, so it outlives them.
     busy.async([gate] { gate.wait(); });
     DispatchQueue::global(kel::DispatchQoS::utility).async([gate] { gate.leave(); });
-    expectEmpties(done);
+    ASSERT_TRUE(done.wait(kel::test::watchdogDeadline()));
     EXPECT_EQ(released.load(), blockers);
 }
 
@@ -249,7 +244,7 @@ TEST(AsyncAfter, RunsPastDeadlinesAndNeverEarly) {
             group.leave();
         });
     }
-    expectEmpties(group);
+    ASSERT_TRUE(group.wait(kel::test::watchdogDeadline()));
     EXPECT_EQ(early.load(), 0);
     EXPECT_FALSE(never.load());
 }

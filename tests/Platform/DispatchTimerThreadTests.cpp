@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Dispatch/TimerThread.hpp"
+#include "Watchdog.hpp"
 
 namespace {
 
@@ -39,7 +40,8 @@ struct FiredLog {
     }
     bool waitForCount(std::size_t count) {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, 30s, [&] { return fired.size() >= count; });
+        return changed.wait_for(lock, kel::test::kWatchdogTimeout,
+                                [&] { return fired.size() >= count; });
     }
 };
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "Dispatch/WorkerPool.hpp"
+#include "Watchdog.hpp"
 
 namespace {
 
@@ -44,17 +45,17 @@ TEST(DispatchWorkerPoolTests, ExtraWorkerStartedForBlockedWorkLeavesAfterItsIdle
     // The only regular worker is blocked: this needs a worker beyond the soft limit.
     runAndWait(pool);
     release->count_down();
-    EXPECT_TRUE(pool.waitForThreadCountAtMost(1, 30s));
+    EXPECT_TRUE(pool.waitForThreadCountAtMost(1, kel::test::kWatchdogTimeout));
     runAndWait(pool);
 }
 
 TEST(DispatchWorkerPoolTests, IdleWorkersLeaveAndNewWorkBringsThemBack) {
     WorkerPool& pool = newPool({.softLimit = 2, .hardLimit = 4, .idleTimeout = 1ms});
     runAndWait(pool);
-    ASSERT_TRUE(pool.waitForThreadCountAtMost(0, 30s));
+    ASSERT_TRUE(pool.waitForThreadCountAtMost(0, kel::test::kWatchdogTimeout));
     // A worker record freed by an exit is reused by the next thread.
     runAndWait(pool);
-    EXPECT_TRUE(pool.waitForThreadCountAtMost(0, 30s));
+    EXPECT_TRUE(pool.waitForThreadCountAtMost(0, kel::test::kWatchdogTimeout));
 }
 
 }  // namespace

@@ -15,34 +15,47 @@ namespace {
 using Entries = std::vector<std::pair<std::string, std::string>>;
 using Catalogue = std::shared_ptr<const kel::MessageCatalog>;
 
+// Appends a 32-bit word of a compiled catalogue in either byte order.
+void appendWord(std::string& out, std::uint32_t value, bool bigEndian = false) {
+    for (int i = 0; i < 4; ++i) {
+        out += static_cast<char>((value >> (bigEndian ? 24 - 8 * i : 8 * i)) & 0xff);
+    }
+}
+
+// The header of a compiled catalogue of `count` entries whose two string tables follow it.
+std::string catalogueHeader(std::uint32_t count, bool bigEndian = false) {
+    std::string header;
+    for (std::uint32_t value : {0x950412deu, 0u, count, 28u, 28 + 8 * count, 0u, 0u}) {
+        appendWord(header, value, bigEndian);
+    }
+    return header;
+}
+
 // Lays out a compiled catalogue as msgfmt does: header, the two string tables, the strings.
 std::string compileCatalogue(const Entries& entries, bool bigEndian = false) {
     std::string table;
     std::string pool;
-    auto word = [&](std::string& out, std::uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
-            out += static_cast<char>((value >> (bigEndian ? 24 - 8 * i : 8 * i)) & 0xff);
-        }
-    };
     auto count = static_cast<std::uint32_t>(entries.size());
     std::uint32_t strings = 28 + 16 * count;
     for (bool translated : {false, true}) {
         for (const auto& entry : entries) {
             const std::string& text = translated ? entry.second : entry.first;
-            word(table, static_cast<std::uint32_t>(text.size()));
-            word(table, strings + static_cast<std::uint32_t>(pool.size()));
+            appendWord(table, static_cast<std::uint32_t>(text.size()), bigEndian);
+            appendWord(table, strings + static_cast<std::uint32_t>(pool.size()), bigEndian);
             pool += text + '\0';
         }
     }
-    std::string header;
-    for (std::uint32_t value : {0x950412deu, 0u, count, 28u, 28 + 8 * count, 0u, 0u}) {
-        word(header, value);
-    }
-    return header + table + pool;
+    return catalogueHeader(count, bigEndian) + table + pool;
 }
 
 std::pair<std::string, std::string> pluralForms(const std::string& rule) {
     return {"", "Content-Type: text/plain; charset=UTF-8\nPlural-Forms: " + rule + "\n"};
+}
+
+// A catalogue with plural rule `rule` and one entry "a"/"b" translated as "one"/"other".
+Catalogue withRule(const std::string& rule) {
+    return kel::MessageCatalog::fromBytes(compileCatalogue(
+        {pluralForms(rule), {std::string("a\0b", 3), std::string("one\0other", 9)}}));
 }
 
 class MessageCatalogFiles : public ::testing::Test {
@@ -73,39 +86,6 @@ TEST_F(MessageCatalogFiles, ReadsSingularAndPluralEntriesInEitherByteOrder) {
     }
 }
 
-TEST_F(MessageCatalogFiles, PluralRulesOfOtherLanguagesAndOddRules) {
-    // Polish: one, few (2-4 except 12-14), many.
-    Catalogue polish =
-        open(compileCatalogue({pluralForms("nplurals=3; plural=(n==1 ? 0 : n%10>=2 && n%10<=4 && "
-                                           "(n%100<10 || n%100>=20) ? 1 : 2);")}));
-    ASSERT_NE(polish, nullptr);
-    const std::pair<unsigned long, unsigned long> polishCases[] = {
-        {1, 0}, {2, 1}, {5, 2}, {12, 2}, {22, 1}};
-    for (auto [n, index] : polishCases) {
-        EXPECT_EQ(polish->pluralIndex(n), index) << "n = " << n;
-    }
-
-    auto withRule = [&](const std::string& rule) {
-        return open(compileCatalogue(
-            {pluralForms(rule), {std::string("a\0b", 3), std::string("one\0other", 9)}}));
-    };
-    // Division by zero, an index past the rule's count or past the entry's forms: the first.
-    for (const char* rule : {"nplurals=2; plural=n/0 + 5;", "nplurals=3; plural=2;"}) {
-        Catalogue catalogue = withRule(rule);
-        ASSERT_NE(catalogue, nullptr);
-        EXPECT_EQ(catalogue->pluralTranslation("a", 3), "one") << rule;
-    }
-    // A rule that does not parse, no rule, runaway nesting: the English rule.
-    std::string deep = "nplurals=2; plural=" + std::string(500, '(') + "n" + std::string(500, ')');
-    for (const std::string& rule :
-         {std::string("nplurals=2; plural=n !=;"), std::string("nplurals=2;"), deep}) {
-        Catalogue catalogue = withRule(rule);
-        ASSERT_NE(catalogue, nullptr);
-        EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
-        EXPECT_EQ(catalogue->pluralTranslation("a", 2), "other");
-    }
-}
-
 TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
     std::string good = compileCatalogue({{"key", "value"}});
     std::string badMagic = good;
@@ -119,6 +99,41 @@ TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
     for (const std::string& bytes :
          {badMagic, futureRevision, stringOutsideFile, good.substr(0, 30), std::string("short")}) {
         EXPECT_EQ(open(bytes), nullptr);
+    }
+}
+
+// Odd rules never crash and never pick a form the entry lacks. A chain of binary operators is
+// as deep as it is long for the evaluator: a hostile rule of 200,000 terms, like one that does
+// not parse, falls back to the English rule instead of exhausting the stack.
+TEST(MessageCatalogBytes, PluralRulesOfOtherLanguagesAndOddRules) {
+    // Polish: one, few (2-4 except 12-14), many.
+    Catalogue polish = withRule(
+        "nplurals=3; plural=(n==1 ? 0 : n%10>=2 && n%10<=4 && (n%100<10 || n%100>=20) ? 1 : 2);");
+    ASSERT_NE(polish, nullptr);
+    const std::pair<unsigned long, unsigned long> polishCases[] = {
+        {1, 0}, {2, 1}, {5, 2}, {12, 2}, {22, 1}};
+    for (auto [n, index] : polishCases) {
+        EXPECT_EQ(polish->pluralIndex(n), index) << "n = " << n;
+    }
+
+    // Division by zero, an index past the rule's count or past the entry's forms: the first.
+    for (const char* rule : {"nplurals=2; plural=n/0 + 5;", "nplurals=3; plural=2;"}) {
+        Catalogue catalogue = withRule(rule);
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->pluralTranslation("a", 3), "one") << rule;
+    }
+    // A rule that does not parse, no rule, runaway nesting, a runaway chain: the English rule.
+    std::string deep = "nplurals=2; plural=" + std::string(500, '(') + "n" + std::string(500, ')');
+    std::string chain = "nplurals=2; plural=n";
+    for (int i = 1; i < 200000; ++i) {
+        chain += "+n";
+    }
+    for (const std::string& rule :
+         {std::string("nplurals=2; plural=n !=;"), std::string("nplurals=2;"), deep, chain + ";"}) {
+        Catalogue catalogue = withRule(rule);
+        ASSERT_NE(catalogue, nullptr);
+        EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
+        EXPECT_EQ(catalogue->pluralTranslation("a", 7), "other");
     }
 }
 
@@ -136,26 +151,10 @@ TEST(MessageCatalogBytes, PluralOperatorsFollowCPrecedenceAndAssociativity) {
         {"(n+1)*2%7", 5},              // (n+1)*(2%7) = 12
     };
     for (auto [expression, index] : cases) {
-        auto catalogue = kel::MessageCatalog::fromBytes(compileCatalogue(
-            {pluralForms("nplurals=99; plural=" + std::string(expression) + ";")}));
+        Catalogue catalogue = withRule("nplurals=99; plural=" + std::string(expression) + ";");
         ASSERT_NE(catalogue, nullptr);
         EXPECT_EQ(catalogue->pluralIndex(5), index) << expression;
     }
-}
-
-// A chain of binary operators is as deep as it is long for the evaluator; a hostile rule of
-// 200,000 terms falls back to the English rule instead of exhausting the stack.
-TEST(MessageCatalogBytes, LongOperatorChainsFallBackToTheEnglishRule) {
-    std::string chain = "n";
-    for (int i = 1; i < 200000; ++i) {
-        chain += "+n";
-    }
-    auto catalogue = kel::MessageCatalog::fromBytes(
-        compileCatalogue({pluralForms("nplurals=2; plural=" + chain + ";"),
-                          {std::string("a\0b", 3), std::string("one\0other", 9)}}));
-    ASSERT_NE(catalogue, nullptr);
-    EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
-    EXPECT_EQ(catalogue->pluralTranslation("a", 7), "other");
 }
 
 // Every entry of a catalogue may point at the same large string full of NUL bytes (forms);
@@ -163,23 +162,15 @@ TEST(MessageCatalogBytes, LongOperatorChainsFallBackToTheEnglishRule) {
 TEST(MessageCatalogBytes, EntriesSharingOneLargeStringCostNoCopies) {
     constexpr std::uint32_t count = 4096;
     const std::string forms(1 << 20, '\0');
-    std::string bytes;
-    auto word = [&](std::uint32_t value) {
-        for (int i = 0; i < 4; ++i) {
-            bytes += static_cast<char>((value >> (8 * i)) & 0xff);
-        }
-    };
-    const std::uint32_t tables = 28, strings = 28 + 16 * count;
-    for (std::uint32_t value : {0x950412deu, 0u, count, tables, tables + 8 * count, 0u, 0u}) {
-        word(value);
-    }
+    const std::uint32_t strings = 28 + 16 * count;
+    std::string bytes = catalogueHeader(count);
     for (std::uint32_t i = 0; i < count; ++i) {  // originals: "k" followed by distinct bytes
-        word(1 + i % 7);
-        word(strings + i % 64);
+        appendWord(bytes, 1 + i % 7);
+        appendWord(bytes, strings + i % 64);
     }
     for (std::uint32_t i = 0; i < count; ++i) {  // translations: all the same large string
-        word(static_cast<std::uint32_t>(forms.size()));
-        word(strings);
+        appendWord(bytes, static_cast<std::uint32_t>(forms.size()));
+        appendWord(bytes, strings);
     }
     bytes += std::string(64, 'k') + forms;
     auto catalogue = kel::MessageCatalog::fromBytes(std::move(bytes));

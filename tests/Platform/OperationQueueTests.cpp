@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Watchdog.hpp"
 #include "kel/Platform/DispatchGroup.hpp"
 #include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/Operation.hpp"
@@ -108,7 +109,7 @@ TEST(OperationLifecycle, RunsEveryBlockInOrderAndObserversHearExecutingThenFinis
         completed.leave();
     });
     queue.setSuspended(false);
-    ASSERT_TRUE(completed.wait(kel::DispatchTime::now() + 30.0));
+    ASSERT_TRUE(completed.wait(kel::test::watchdogDeadline()));
     operation->cancel();
     std::lock_guard lock(mutex);
     EXPECT_EQ(events,
