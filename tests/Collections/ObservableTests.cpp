@@ -1,3 +1,4 @@
+#include "Watchdog.hpp"
 #include "kel/Collections/Observable.hpp"
 #include "kel/Collections/Reportable.hpp"
 
@@ -140,6 +141,36 @@ TEST(ObservableTest, MainThreadReadsWhileBackgroundThreadWrites) {
     writer.join();
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(text->value(), textFor(lastWritten));
+}
+
+// A value whose live copies are counted, to see replaced values freed.
+struct Counted {
+    explicit Counted(std::atomic<int>& live) : live(&live) { ++live; }
+    Counted(const Counted& other) : live(other.live) { ++*live; }
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() { --*live; }
+    std::atomic<int>* live;
+};
+
+// Values replaced off the main thread do not pile up: before the main thread's first read they
+// are freed by the writer at once; after it, by the main thread's loop once 64 of them wait,
+// though the main thread never reads the observable again.
+TEST(ObservableTest, ValuesReplacedOffTheMainThreadAreFreed) {
+    std::atomic<int> live = 0;
+    auto observable = Observable<Counted>::make(Counted(live));
+    auto writeFromAnotherThread = [&](int count) {
+        std::thread([&] {
+            for (int i = 0; i < count; ++i) {
+                observable->next(Counted(live), true);
+            }
+        }).join();
+    };
+    writeFromAnotherThread(200);
+    EXPECT_EQ(live, 1) << "nothing replaced may be kept while the main thread has not read";
+
+    (void)observable->value();
+    writeFromAnotherThread(200);
+    EXPECT_TRUE(kel::test::pumpUntil([&] { return live == 1; }));
 }
 
 // Callables run in order with the value; one appended during a trigger waits for the next;

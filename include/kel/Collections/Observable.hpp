@@ -17,16 +17,20 @@
 // immutable node behind an atomic pointer; writers publish a new node under valueLock_. The main
 // thread reads without the lock (an acquire load and a copy), to keep main-thread readers fast;
 // other threads copy the value under the lock. A node replaced on the main thread is freed at
-// once; one replaced elsewhere is retired and freed by the main thread at its next read or write
-// (when it cannot be inside a read), or by the destructor. The observer list is not locked:
-// onNext, keepAlive and notification (next, triggerObservers) belong on one thread, the main
-// thread in practice.
+// once, and so is one replaced elsewhere while the main thread has never read the value (it holds
+// no node then). Otherwise the replaced node is retired and freed by the main thread at its next
+// read or write (when it cannot be inside a read), or by the destructor; when 64 nodes wait, the
+// writer also posts that clean-up to the main queue (once per filling of the list), so they do
+// not pile up while the main thread runs its loop but leaves the observable alone. The
+// observer list is not locked: onNext, keepAlive and notification (next, triggerObservers)
+// belong on one thread, the main thread in practice.
 // Ownership: shared (make it with Observable<Value>::make); the list owns the observers' tokens.
 #pragma once
 
 #include <algorithm>
 #include <atomic>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -35,6 +39,7 @@
 
 #include "kel/Concurrency/UnfairLock.hpp"
 #include "kel/Lifecycle/Disposable.hpp"
+#include "kel/Platform/DispatchQueue.hpp"
 #include "kel/Platform/RunLoop.hpp"
 
 namespace kel {
@@ -67,6 +72,10 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
     // The current value: without the lock on the main thread, under it elsewhere.
     Value value() const {
         if (isMainThread()) {
+            if (!mainReads_.load(std::memory_order_relaxed)) [[unlikely]] {
+                std::lock_guard guard(valueLock_);
+                mainReads_.store(true, std::memory_order_relaxed);
+            }
             if (hasRetired_.load(std::memory_order_relaxed)) [[unlikely]] {
                 freeRetiredNodes();
             }
@@ -138,6 +147,7 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
         const bool onMainThread = isMainThread();
         Node* fresh = makeNode(std::move(value), onMainThread);
         Node* freed = nullptr;
+        bool postCleanup = false;
         bool changed;
         try {
             std::lock_guard guard(valueLock_);
@@ -145,19 +155,30 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
             changed = differs(replaced->value, fresh->value);
             current_.store(fresh, std::memory_order_release);
             if (onMainThread) {
-                replaced->nextRetired = std::exchange(retired_, nullptr);
-                hasRetired_.store(false, std::memory_order_relaxed);
+                replaced->nextRetired = takeRetiredLocked();
+                freed = replaced;
+            } else if (!mainReads_.load(std::memory_order_relaxed)) {
+                // The main thread has never read without the lock, so it holds no node; it
+                // announces its first read under this lock before it does.
                 freed = replaced;
             } else {
                 replaced->nextRetired = retired_;
                 retired_ = replaced;
                 hasRetired_.store(true, std::memory_order_relaxed);
+                postCleanup = ++retiredCount_ == retiredPerCleanup;
             }
         } catch (...) {
             discardNode(fresh, onMainThread);
             throw;
         }
-        freeNodes(freed);
+        freeNodes(freed, onMainThread);
+        if (postCleanup) {
+            DispatchQueue::main().async([weak = this->weak_from_this()] {
+                if (auto self = weak.lock()) {
+                    self->freeRetiredNodes();
+                }
+            });
+        }
         return changed;
     }
 
@@ -188,11 +209,19 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
         }
     }
 
-    // Destroys the nodes of `list`, linked through nextRetired. Main thread (or destructor) only.
-    void freeNodes(Node* list) const {
+    // Destroys the nodes of `list`, linked through nextRetired: on the main thread (or in the
+    // destructor) keeping a spare, elsewhere only nodes no thread can be reading.
+    void freeNodes(Node* list, bool onMainThread = true) const {
         while (list != nullptr) {
-            discardNode(std::exchange(list, list->nextRetired), true);
+            discardNode(std::exchange(list, list->nextRetired), onMainThread);
         }
+    }
+
+    // Empties the retired list and answers it; called with valueLock_ held.
+    Node* takeRetiredLocked() const {
+        hasRetired_.store(false, std::memory_order_relaxed);
+        retiredCount_ = 0;
+        return std::exchange(retired_, nullptr);
     }
 
     // Frees the nodes other threads retired. Main thread only, never inside a read.
@@ -200,8 +229,7 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
         Node* retired;
         {
             std::lock_guard guard(valueLock_);
-            retired = std::exchange(retired_, nullptr);
-            hasRetired_.store(false, std::memory_order_relaxed);
+            retired = takeRetiredLocked();
         }
         freeNodes(retired);
     }
@@ -240,8 +268,14 @@ class Observable : public std::enable_shared_from_this<Observable<Value>> {
     mutable UnfairLock valueLock_{UnfairLock::Options::dataSynchronization};
     // Written under valueLock_; read without it on the main thread (see the thread rules).
     std::atomic<Node*> current_;
-    // Nodes replaced off the main thread, awaiting the main thread; guarded by valueLock_.
+    // Nodes replaced off the main thread, awaiting the main thread, and how many were retired
+    // since the list was last emptied; guarded by valueLock_.
     mutable Node* retired_ = nullptr;
+    mutable std::size_t retiredCount_ = 0;
+    static constexpr std::size_t retiredPerCleanup = 64;
+    // Whether the main thread may read without the lock: set under valueLock_ by its first read,
+    // before that read, and never cleared; read by the main thread without the lock.
+    mutable std::atomic<bool> mainReads_ = false;
     // Whether retired_ is non-empty: lets a main-thread read skip the lock. Written under
     // valueLock_.
     mutable std::atomic<bool> hasRetired_ = false;
