@@ -198,18 +198,31 @@ class FileLock {
     int error_ = 0;
 };
 
-// Writes `contents` to a temporary file beside `file` (close-on-exec, with `mode`), flushes it
-// to disk and renames it over `file`; then flushes the directory so that the rename itself
-// survives a power loss. Returns the failed step and its errno, or nothing.
+// The mode and owner a rewritten file keeps from the file it replaces.
+struct Ownership {
+    mode_t mode = 0600;
+    std::optional<std::pair<uid_t, gid_t>> owner;  // none: the writer's own
+};
+
+// Writes `contents` to a temporary file beside `file` (close-on-exec, with the given mode and,
+// where the writer may give it, owner), flushes it to disk and renames it over `file`; then
+// flushes the directory so that the rename itself survives a power loss. Returns the failed
+// step and its errno, or nothing.
 std::optional<std::pair<const char*, int>> writeAtomically(const fs::path& file,
-                                                           std::string_view contents, mode_t mode) {
+                                                           std::string_view contents,
+                                                           const Ownership& ownership) {
     std::string temporary = (file.parent_path() / (temporaryPrefix(file) + "XXXXXX")).string();
     int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (descriptor < 0) {
         return std::pair{"cannot create a temporary file", errno};
     }
+    if (ownership.owner) {
+        // Only root (or the owner changing the group to one of its own) may do this; anyone
+        // else who may write the store leaves the file to its writer, as before.
+        (void)::fchown(descriptor, ownership.owner->first, ownership.owner->second);
+    }
     std::optional<std::pair<const char*, int>> failure;
-    if (::fchmod(descriptor, mode) != 0) {
+    if (::fchmod(descriptor, ownership.mode) != 0) {
         failure = std::pair{"cannot set the mode of the temporary file", errno};
     } else if (!writeAll(descriptor, contents)) {
         failure = std::pair{"cannot write the temporary file", errno};
@@ -335,14 +348,17 @@ Error UserDefaults::updateLocked(std::string_view key, const nlohmann::json* val
     removeStaleTemporaries(path_);
 
     StoreContents contents = readStore(path_);
-    mode_t mode = 0600;
+    Ownership ownership;
     switch (contents.kind) {
         case StoreContents::Kind::missing:
             break;
         case StoreContents::Kind::object: {
             struct stat status {};
             if (::stat(path_.c_str(), &status) == 0) {
-                mode = status.st_mode & 07777;
+                ownership.mode = status.st_mode & 07777;
+                if (status.st_uid != ::geteuid() || status.st_gid != ::getegid()) {
+                    ownership.owner = std::pair{status.st_uid, status.st_gid};
+                }
             }
             break;
         }
@@ -380,7 +396,7 @@ Error UserDefaults::updateLocked(std::string_view key, const nlohmann::json* val
         // making the whole store unwritable.
         std::string text =
             fresh.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-        if (auto failure = writeAtomically(path_, text, mode)) {
+        if (auto failure = writeAtomically(path_, text, ownership)) {
             return refuse(failure->second, failure->first);
         }
     }

@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -157,6 +158,24 @@ TEST_F(UserDefaultsStore, AnUnparsableFileIsMovedAsideNeverOverwritten) {
     ASSERT_EQ(capture->records().size(), 2u);
     EXPECT_EQ(capture->records()[1].level, kel::LogLevel::error);
     EXPECT_NE(capture->messages()[1].find(file_.string() + ".corrupt.1"), std::string::npos);
+}
+
+// Root changing another user's store leaves the file that user's, with its mode, or the user
+// could no longer write it.
+TEST_F(UserDefaultsStore, RootKeepsTheOwnerOfAnotherUsersStore) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to write another user's file";
+    }
+    auto defaults = kel::UserDefaults::atPath(file_);
+    ASSERT_EQ(defaults->set("version", 1), nullptr);
+    ASSERT_EQ(::chown(file_.c_str(), 65534, 65534), 0);
+    ASSERT_EQ(::chmod(file_.c_str(), 0640), 0);
+    ASSERT_EQ(defaults->set("version", 2), nullptr);
+    struct stat status {};
+    ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+    EXPECT_EQ(std::pair(status.st_uid, status.st_gid), std::pair(uid_t{65534}, gid_t{65534}));
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(json::parse(readFile(file_)), (json{{"version", 2}}));
 }
 
 // A file that exists but cannot be read is not an empty store: a change would overwrite what
