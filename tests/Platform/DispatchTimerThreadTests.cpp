@@ -5,6 +5,7 @@
 #include <latch>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "Dispatch/TimerThread.hpp"
@@ -68,10 +69,17 @@ TEST(DispatchTimerThreadTests, FiresEarlierDeadlinesFirstAndEqualOnesInSchedulin
         timers.schedule(
             base + offset, [log, id = id] { log->add(id); }, nullptr);
     }
+    // Once all of them are due, one more with the earliest deadline: already passed, it still
+    // takes its turn after the equal deadlines scheduled before it.
+    while (DispatchTime::now() <= base + 0.03) {
+        std::this_thread::sleep_for(5ms);
+    }
+    timers.schedule(
+        base, [log] { log->add(10); }, nullptr);
     release->count_down();
-    ASSERT_TRUE(log->waitForCount(timersToSchedule.size()));
+    ASSERT_TRUE(log->waitForCount(timersToSchedule.size() + 1));
     std::lock_guard lock(log->mutex);
-    EXPECT_EQ(log->fired, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(log->fired, (std::vector<int>{1, 2, 3, 4, 5, 6, 10, 7, 8, 9}));
 }
 
 TEST(DispatchTimerThreadTests, NearerDeadlineWakesTheThreadWaitingForALaterOne) {

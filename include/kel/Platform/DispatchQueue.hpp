@@ -30,8 +30,8 @@
 // main thread, only while it is inside RunLoop. A concurrent queue starts items roughly in
 // submission order but promises no order and lets them overlap; there are no barrier items, so
 // work that must run alone goes to a serial queue (which may target the concurrent one) or
-// waits for a DispatchGroup. asyncAfter submits the work no earlier than its deadline; timers
-// with equal deadlines, scheduled before it, are submitted in the order they were scheduled. A
+// waits for a DispatchGroup. asyncAfter submits the work no earlier than its deadline, and never
+// before a timer with an earlier or equal deadline that was scheduled before it. A
 // queue with a target runs its items as items of the target (a serial queue stays serial on a
 // concurrent target). Visibility: everything the submitting thread did before async, asyncAfter or
 // sync happens-before the item runs; on a serial queue each item happens-before the next; the item

@@ -12,11 +12,15 @@ TimerThread::TimerThread(Deliverer deliver, std::chrono::steady_clock::duration 
     : deliver_(deliver), longestWait_(longestWait) {}
 
 void TimerThread::schedule(DispatchTime deadline, Task work, std::shared_ptr<QueueCore> queue) {
-    if (deadline <= DispatchTime::now()) {
+    std::unique_lock lock(mutex_);
+    // A deadline already passed goes to its queue at once, unless a timer due no later is still
+    // waiting or being handed on: that one goes first.
+    if (deadline <= DispatchTime::now() && !handingOn_ &&
+        (heap_.empty() || deadline < heap_.front().deadline)) {
+        lock.unlock();
         deliver_(queue, std::move(work));
         return;
     }
-    std::unique_lock lock(mutex_);
     if (!started_) {
         started_ = true;
         std::thread([this] { run(); }).detach();
@@ -44,10 +48,12 @@ void TimerThread::run() {
             std::pop_heap(heap_.begin(), heap_.end(), Later{});
             Timer timer = std::move(heap_.back());
             heap_.pop_back();
+            handingOn_ = true;
             lock.unlock();
             deliver_(timer.queue, std::move(timer.work));
             timer.queue.reset();
             lock.lock();
+            handingOn_ = false;
             continue;
         }
         if (deadline.timePoint() - now.timePoint() > longestWait_) {

@@ -4,7 +4,9 @@
 // first, and timers with equal deadlines fire in the order they were scheduled. The thread sleeps
 // until the earliest deadline; scheduling a timer that becomes the earliest wakes it, so a new,
 // nearer deadline is never held up by the one it was waiting for. A deadline already passed is
-// delivered at once on the scheduling thread. The thread starts with the first timer.
+// delivered at once on the scheduling thread, unless a timer due no later is still in the heap
+// or being handed on: then it waits its turn in the heap, so that it never overtakes one. The
+// thread starts with the first timer.
 //
 // The timer thread does not know what a queue is: a due timer is handed to the deliverer given
 // at construction (the dispatch runtime's submits the work to the timer's queue).
@@ -64,6 +66,7 @@ class TimerThread {
     std::vector<Timer> heap_;  // a min-heap on (deadline, sequence)
     std::uint64_t nextSequence_ = 0;
     bool started_ = false;
+    bool handingOn_ = false;  // the thread is delivering a timer it took from the heap
 };
 
 }  // namespace kel::detail
