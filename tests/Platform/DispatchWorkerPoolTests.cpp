@@ -46,6 +46,9 @@ TEST(DispatchWorkerPoolTests, ExtraWorkerStartedForBlockedWorkLeavesAfterItsIdle
     runAndWait(pool);
     release->count_down();
     EXPECT_TRUE(pool.waitForThreadCountAtMost(1, kel::test::kWatchdogTimeout));
+    // Both workers went idle while the pool was beyond its soft limit; the one left is a
+    // regular worker again and keeps the long idle time.
+    EXPECT_FALSE(pool.waitForThreadCountAtMost(0, 100ms));
     runAndWait(pool);
 }
 

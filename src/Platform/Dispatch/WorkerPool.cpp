@@ -177,7 +177,11 @@ void WorkerPool::workerMain(Worker* self) {
             continue;
         }
         idle_.erase(*self);
-        if (items_.empty()) {
+        // A worker that waited the short time of an extra one leaves only while the pool is
+        // still beyond its soft limit: when several idle workers time out together, the last
+        // softLimit of them stay for the longer wait.
+        const bool leave = timeout == options_.idleTimeout || threads_ > options_.softLimit;
+        if (items_.empty() && leave) {
             --threads_;
             freeWorkers_.push_back(self);
             threadExited_.notify_all();

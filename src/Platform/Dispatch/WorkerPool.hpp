@@ -50,7 +50,8 @@ class WorkerPool {
         // Threads the pool never exceeds, blocked or not.
         std::size_t hardLimit = std::max<std::size_t>(64, 16 * hardwareThreads());
         // How long an idle worker waits for work before its thread ends; workers beyond the soft
-        // limit (added for blocked work) wait extraIdleTimeout instead.
+        // limit (added for blocked work) wait extraIdleTimeout instead, and leave then only if
+        // the pool is still beyond it.
         std::chrono::milliseconds idleTimeout{5000};
         std::chrono::milliseconds extraIdleTimeout{500};
         // How long queued work may wait while no worker finishes anything before the monitor
