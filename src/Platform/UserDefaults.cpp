@@ -217,8 +217,8 @@ std::optional<std::pair<const char*, int>> writeAtomically(const fs::path& file,
         return std::pair{"cannot create a temporary file", errno};
     }
     if (ownership.owner) {
-        // Only root (or the owner changing the group to one of its own) may do this; anyone
-        // else who may write the store leaves the file to its writer, as before.
+        // Only root (or an owner changing the group to one of its own) may do this; for
+        // anyone else it fails, and the new file is the writer's, which a rename cannot avoid.
         (void)::fchown(descriptor, ownership.owner->first, ownership.owner->second);
     }
     std::optional<std::pair<const char*, int>> failure;
