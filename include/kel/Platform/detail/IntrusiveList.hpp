@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 
 namespace kel::detail {
 
@@ -39,28 +40,13 @@ class IntrusiveList {
     std::size_t size() const noexcept { return size_; }
     bool empty() const noexcept { return size_ == 0; }
 
-    void pushFront(T& element) noexcept {
-        Node& node = element;
-        node.previous_ = nullptr;
-        node.next_ = head_;
-        (head_ != nullptr ? nodeOf(head_).previous_ : tail_) = &element;
-        head_ = &element;
-        ++size_;
-    }
-
-    void pushBack(T& element) noexcept {
-        Node& node = element;
-        node.previous_ = tail_;
-        node.next_ = nullptr;
-        (tail_ != nullptr ? nodeOf(tail_).next_ : head_) = &element;
-        tail_ = &element;
-        ++size_;
-    }
+    void pushFront(T& element) noexcept { link(element, nullptr, head_); }
+    void pushBack(T& element) noexcept { link(element, tail_, nullptr); }
 
     void erase(T& element) noexcept {
         Node& node = element;
-        (node.previous_ != nullptr ? nodeOf(node.previous_).next_ : head_) = node.next_;
-        (node.next_ != nullptr ? nodeOf(node.next_).previous_ : tail_) = node.previous_;
+        forwardLink(node.previous_) = node.next_;
+        backwardLink(node.next_) = node.previous_;
         node.previous_ = nullptr;
         node.next_ = nullptr;
         --size_;
@@ -69,13 +55,10 @@ class IntrusiveList {
     // Puts `replacement` where `element` is and takes `element` out.
     void replace(T& element, T& replacement) noexcept {
         Node& node = element;
-        Node& other = replacement;
-        other.previous_ = node.previous_;
-        other.next_ = node.next_;
-        (node.previous_ != nullptr ? nodeOf(node.previous_).next_ : head_) = &replacement;
-        (node.next_ != nullptr ? nodeOf(node.next_).previous_ : tail_) = &replacement;
-        node.previous_ = nullptr;
-        node.next_ = nullptr;
+        T* previous = std::exchange(node.previous_, nullptr);
+        T* next = std::exchange(node.next_, nullptr);
+        --size_;
+        link(replacement, previous, next);
     }
 
     // Moves every element of `other`, in order, before this list's first.
@@ -84,7 +67,7 @@ class IntrusiveList {
             return;
         }
         nodeOf(other.tail_).next_ = head_;
-        (head_ != nullptr ? nodeOf(head_).previous_ : tail_) = other.tail_;
+        backwardLink(head_) = other.tail_;
         head_ = other.head_;
         size_ += other.size_;
         other.head_ = nullptr;
@@ -95,6 +78,23 @@ class IntrusiveList {
   private:
     using Node = IntrusiveListNode<T>;
     static Node& nodeOf(T* element) noexcept { return *element; }
+
+    // The link pointing to whatever follows `previous`: its next, or head_ at the front.
+    T*& forwardLink(T* previous) noexcept {
+        return previous != nullptr ? nodeOf(previous).next_ : head_;
+    }
+    // The link pointing to whatever precedes `next`: its previous, or tail_ at the back.
+    T*& backwardLink(T* next) noexcept { return next != nullptr ? nodeOf(next).previous_ : tail_; }
+
+    // Links `element` between `previous` and `next` (either null at an end).
+    void link(T& element, T* previous, T* next) noexcept {
+        Node& node = element;
+        node.previous_ = previous;
+        node.next_ = next;
+        forwardLink(previous) = &element;
+        backwardLink(next) = &element;
+        ++size_;
+    }
 
     T* head_ = nullptr;
     T* tail_ = nullptr;
