@@ -54,17 +54,6 @@ TEST(CallbackScopes, AnyNameAndNamesSelectTheResolutionsTheyHearAbout) {
     EXPECT_EQ(both->heard, (Strings{"names:a", "names:b"}));
 }
 
-TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) {
-    CallbackWorld world;
-    auto owner = std::make_shared<Listener>();
-    world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
-                                                     recordInto("named:"));
-    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
-                                                     recordInto("unnamed:"));
-    world.get<ServicePtr>("a");
-    EXPECT_EQ(owner->heard, (Strings{"unnamed:a", "named:a"}));
-}
-
 TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
     CallbackWorld world;
     std::vector<std::string> events;
@@ -107,11 +96,15 @@ TEST(CallbackFiring, CastsTheRegisteringInstanceAndSkipsInstancesOfAnotherClass)
     EXPECT_EQ(heard, (Strings{"unnamed"}));
 }
 
+// Module, context and bridged registrations fire with their owners; unnamed registrations fire
+// before named ones whatever their order.
 TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithTheirOwners) {
     CallbackWorld world;
     auto owner = std::make_shared<Listener>();
     world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
                                                      recordInto("module:"));
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
+                                                     recordInto("unnamed:"));
     world.registry->callbackRegistration()->addHook(
         [](const std::shared_ptr<Object>& instance, CallbackRegistrationType& registration) {
             auto listener = std::dynamic_pointer_cast<Listener>(instance);
@@ -126,7 +119,8 @@ TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithT
     });
     world.get<ServicePtr>("a");
 
-    EXPECT_EQ(owner->heard, (Strings{"module:a", "context:a", "module:a"}));
+    EXPECT_EQ(owner->heard,
+              (Strings{"unnamed:a", "module:a", "context:a", "unnamed:a", "module:a"}));
     EXPECT_EQ(bridged->heard, (Strings{"bridged:a", "bridged:a"}));
 }
 
