@@ -20,8 +20,12 @@ namespace {
 using ServicePtr = std::shared_ptr<Service>;
 using OtherPtr = std::shared_ptr<Other>;
 
-TEST(ProxyResolution, PublicShadowsPrivateAndBridgedAnswersOnlyTheClassForms) {
+// Public shadows private and the bridged resolver answers only the class forms; a bridged
+// exception is logged once and a bridged instance of the wrong class is silently absent.
+TEST(ProxyResolution, PublicShadowsPrivateBridgedAnswersClassFormsAndLogsItsExceptionOnce) {
     ContainerWorld world;
+    auto sink = std::make_shared<CapturingLogSink>();
+    ScopedLogSink scoped(sink);
     world.module.private_->register_<std::string>(returns(std::string("private")));
     world.module.private_->register_<int>(returns(2));
     world.reg<std::string>(returns(std::string("public")));
@@ -32,12 +36,7 @@ TEST(ProxyResolution, PublicShadowsPrivateAndBridgedAnswersOnlyTheClassForms) {
     EXPECT_TRUE(world.get<OtherPtr>());
     EXPECT_FALSE(world.resolver.resolveGeneral<OtherPtr>());
     EXPECT_FALSE(world.get<OtherPtr>("named"));
-}
 
-TEST(ProxyResolution, BridgedExceptionIsLoggedOnceAndWrongClassIsSilentlyAbsent) {
-    ContainerWorld world;
-    auto sink = std::make_shared<CapturingLogSink>();
-    ScopedLogSink scoped(sink);
     world.module.objc->register_<ServicePtr>([](const ResolverType&) -> ServicePtr {
         throw Exception("ZFTestException", "nothing to give");
     });
