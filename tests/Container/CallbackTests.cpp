@@ -27,13 +27,13 @@ auto recordInto(std::string prefix) {
 
 struct CallbackWorld : ContainerWorld {
     CallbackWorld() {
-        module.public_->register_<ServicePtr>(makes<Service>("unnamed"));
-        module.public_->register_<ServicePtr>("a", makes<Service>("a"));
-        module.public_->register_<ServicePtr>("b", makes<Service>("b"));
+        reg<ServicePtr>(makes<Service>("unnamed"));
+        reg<ServicePtr>("a", makes<Service>("a"));
+        reg<ServicePtr>("b", makes<Service>("b"));
     }
 
     std::shared_ptr<Listener> listenerWith(CallbackScope scope, const std::string& tag) {
-        module.public_->register_<std::shared_ptr<Listener>>(tag, makes<Listener>())
+        reg<std::shared_ptr<Listener>>(tag, makes<Listener>())
             .whenResolving<ServicePtr>(std::move(scope), recordInto(tag + ":"));
         return *resolver.resolve<std::shared_ptr<Listener>>(tag);
     }
@@ -45,104 +45,92 @@ TEST(CallbackScopes, AnyNameAndNamesSelectTheResolutionsTheyHearAbout) {
     auto named = world.listenerWith(CallbackScope::name("a"), "name");
     auto both = world.listenerWith(CallbackScope::names({"a", "b"}), "names");
 
-    world.resolver.resolve<ServicePtr>();
-    world.resolver.resolve<ServicePtr>("a");
-    world.resolver.resolve<ServicePtr>("b");
+    world.get<ServicePtr>();
+    world.get<ServicePtr>("a");
+    world.get<ServicePtr>("b");
 
-    EXPECT_EQ(any->heard, (std::vector<std::string>{"any:unnamed", "any:a", "any:b"}));
-    EXPECT_EQ(named->heard, (std::vector<std::string>{"name:a"}));
-    EXPECT_EQ(both->heard, (std::vector<std::string>{"names:a", "names:b"}));
-}
-
-TEST(CallbackScopes, UnnamedRegistrationsFireBeforeNamedOnesWhateverTheirOrder) {
-    CallbackWorld world;
-    auto owner = std::make_shared<Listener>();
-    world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
-                                                     recordInto("named:"));
-    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
-                                                     recordInto("unnamed:"));
-    world.resolver.resolve<ServicePtr>("a");
-    EXPECT_EQ(owner->heard, (std::vector<std::string>{"unnamed:a", "named:a"}));
+    EXPECT_EQ(any->heard, (Strings{"any:unnamed", "any:a", "any:b"}));
+    EXPECT_EQ(named->heard, (Strings{"name:a"}));
+    EXPECT_EQ(both->heard, (Strings{"names:a", "names:b"}));
 }
 
 TEST(CallbackFiring, FiresOnceAfterConfigurationNeverForPooledInstancesAndNotForDeadRegistrants) {
     CallbackWorld world;
     std::vector<std::string> events;
-    world.module.public_->register_<ServicePtr>("configured", makes<Service>("c"))
+    world.reg<ServicePtr>("configured", makes<Service>("c"))
         .thenConfigure([&](ServicePtr, const ResolverType&) { events.push_back("configured"); })
         .inScope(Scope::singleton);
-    world.module.public_->register_<std::shared_ptr<Listener>>(makes<Listener>())
+    world.reg<std::shared_ptr<Listener>>(makes<Listener>())
         .whenResolving<ServicePtr>(CallbackScope::name("configured"),
                                    [&](std::shared_ptr<Listener>, ServicePtr, const ResolverType&) {
                                        events.push_back("callback");
                                    });
-    auto listener = world.resolver.resolve<std::shared_ptr<Listener>>();
+    auto listener = world.get<std::shared_ptr<Listener>>();
 
-    world.resolver.resolve<ServicePtr>("configured");
-    world.resolver.resolve<ServicePtr>("configured");
-    EXPECT_EQ(events, (std::vector<std::string>{"configured", "callback"}));
+    world.get<ServicePtr>("configured");
+    world.get<ServicePtr>("configured");
+    EXPECT_EQ(events, (Strings{"configured", "callback"}));
 
     listener.reset();
     world.container->pool()->graphPass([] { return 0; });
-    world.module.public_->register_<ServicePtr>("configured", makes<Service>())
-        .inScope(Scope::none);
-    world.resolver.resolve<ServicePtr>("configured");
+    world.reg<ServicePtr>("configured", makes<Service>()).inScope(Scope::none);
+    world.get<ServicePtr>("configured");
     EXPECT_EQ(events.size(), 2u);
 }
 
 TEST(CallbackFiring, CastsTheRegisteringInstanceAndSkipsInstancesOfAnotherClass) {
     CallbackWorld world;
     std::vector<std::string> heard;
-    auto registerHolder = [&](std::string name, std::function<std::shared_ptr<Object>()> make) {
-        world.module.public_
-            ->register_<std::shared_ptr<Object>>(name,
-                                                 [make](const ResolverType&) { return make(); })
+    const std::pair<const char*, std::shared_ptr<Object>> holders[] = {
+        {"listener", std::make_shared<Listener>()}, {"other", std::make_shared<Other>()}};
+    for (const auto& [name, holder] : holders) {
+        world.reg<std::shared_ptr<Object>>(name, returns(holder))
             .whenResolving<ServicePtr, Listener>(
                 CallbackScope::any(),
                 [&heard](std::shared_ptr<Listener>, ServicePtr service, const ResolverType&) {
                     heard.push_back(service->label);
                 });
-    };
-    registerHolder("listener", [] { return std::make_shared<Listener>(); });
-    registerHolder("other", [] { return std::make_shared<Other>(); });
-    auto listener = world.resolver.resolve<std::shared_ptr<Object>>("listener");
-    auto other = world.resolver.resolve<std::shared_ptr<Object>>("other");
-
-    world.resolver.resolve<ServicePtr>();
-    EXPECT_EQ(heard, (std::vector<std::string>{"unnamed"}));
+        world.get<std::shared_ptr<Object>>(name);
+    }
+    world.get<ServicePtr>();
+    EXPECT_EQ(heard, (Strings{"unnamed"}));
 }
 
+// Module, context and bridged registrations fire with their owners; unnamed registrations fire
+// before named ones whatever their order.
 TEST(CallbackRegistrationSurfaces, ModuleContextAndBridgedRegistrationsFireWithTheirOwners) {
     CallbackWorld world;
     auto owner = std::make_shared<Listener>();
     world.module.callback->whenResolving<ServicePtr>(CallbackScope::name("a"), owner,
                                                      recordInto("module:"));
+    world.module.callback->whenResolving<ServicePtr>(CallbackScope::any(), owner,
+                                                     recordInto("unnamed:"));
     world.registry->callbackRegistration()->addHook(
         [](const std::shared_ptr<Object>& instance, CallbackRegistrationType& registration) {
             auto listener = std::dynamic_pointer_cast<Listener>(instance);
             registration.whenResolving<ServicePtr>(CallbackScope::any(), listener,
                                                    recordInto("bridged:"));
         });
-    world.module.public_->register_<std::shared_ptr<Listener>>("bridged", makes<Listener>())
-        .whenResolvingBridged();
-    auto bridged = *world.resolver.resolve<std::shared_ptr<Listener>>("bridged");
+    world.reg<std::shared_ptr<Listener>>("bridged", makes<Listener>()).whenResolvingBridged();
+    auto bridged = *world.get<std::shared_ptr<Listener>>("bridged");
 
-    world.resolver.resolve<ServicePtr>("a", [&](ContextType& context) {
+    world.get<ServicePtr>("a", [&](ContextType& context) {
         context.whenResolving<ServicePtr>(CallbackScope::name("a"), owner, recordInto("context:"));
     });
-    world.resolver.resolve<ServicePtr>("a");
+    world.get<ServicePtr>("a");
 
-    EXPECT_EQ(owner->heard, (std::vector<std::string>{"module:a", "context:a", "module:a"}));
-    EXPECT_EQ(bridged->heard, (std::vector<std::string>{"bridged:a", "bridged:a"}));
+    EXPECT_EQ(owner->heard,
+              (Strings{"unnamed:a", "module:a", "context:a", "unnamed:a", "module:a"}));
+    EXPECT_EQ(bridged->heard, (Strings{"bridged:a", "bridged:a"}));
 }
 
 TEST(ContextOverrides, NewestOverridesWinAndTheCallbackStoreIsShared) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>(returns(std::string("built")));
-    world.module.public_->register_<std::shared_ptr<Dependency>>(makes<Dependency>());
+    world.reg<std::string>(returns(std::string("built")));
+    world.reg<std::shared_ptr<Dependency>>(makes<Dependency>());
     std::vector<std::string> seen;
-    world.module.public_
-        ->register_<ServicePtr>([&](const ResolverType& r) {
+    world
+        .reg<ServicePtr>([&](const ResolverType& r) {
             seen.push_back(*r.resolve<std::string>());
             return std::make_shared<Service>();
         })
@@ -165,7 +153,7 @@ TEST(ContextOverrides, NewestOverridesWinAndTheCallbackStoreIsShared) {
     EXPECT_EQ(storeSeen, outer->sharedCallbackStore());
     EXPECT_EQ(carrying.resolve<int>([](ContextType&) {}), 1);
     EXPECT_EQ(carrying.resolve<std::shared_ptr<Dependency>>(), dependency);
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "built");
+    EXPECT_EQ(world.get<std::string>(), "built");
     EXPECT_EQ(outer->get<std::string>(), "outer");
 }
 

@@ -9,6 +9,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kel::test {
 
@@ -49,6 +51,17 @@ struct ContainerWorld {
     const std::shared_ptr<Container>& privateContainer() const {
         return module.private_->publicContainer();
     }
+    // Shorthands for registering in the public container and resolving through `resolver`.
+    template <class T, class... A>
+    decltype(auto) reg(A&&... a) {
+        return module.public_->register_<T>(std::forward<A>(a)...);
+    }
+    template <class T, class... A>
+    auto get(A&&... a) const {
+        return resolver.resolve<T>(std::forward<A>(a)...);
+    }
 };
+
+using Strings = std::vector<std::string>;
 
 }  // namespace kel::test

@@ -15,24 +15,23 @@ namespace {
 
 using ServicePtr = std::shared_ptr<Service>;
 
-TEST(ContainerKey, TypeAndNameFormTheKey) {
+TEST(ContainerRegistration, TypeAndNameFormTheKeyAndTheLastRegistrationWins) {
     EXPECT_NE(toKey<int>(), toKey<int>("a"));
     EXPECT_NE(toKey<int>("a"), toKey<long>("a"));
     EXPECT_EQ(toKey<int>("a"), toKey<int>(std::string("a")));
     EXPECT_EQ(toKey<ServicePtr>("x").description(),
               "std::shared_ptr<kel::test::Service> (name: \"x\")");
-}
 
-TEST(ContainerRegistration, LastRegistrationWinsAndLateOnesAreIndexedAtTheNextResolution) {
+    // Late registrations are indexed at the next resolution.
     ContainerWorld world;
-    world.module.public_->register_<std::string>(returns(std::string("first")));
-    world.module.public_->register_<std::string>(returns(std::string("second")));
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "second");
-    EXPECT_EQ(world.resolver.resolve<std::string>("named"), std::nullopt);
+    world.reg<std::string>(returns(std::string("first")));
+    world.reg<std::string>(returns(std::string("second")));
+    EXPECT_EQ(world.get<std::string>(), "second");
+    EXPECT_EQ(world.get<std::string>("named"), std::nullopt);
 
-    world.module.public_->register_<std::string>("named", returns(std::string("late")));
-    EXPECT_EQ(world.resolver.resolve<std::string>("named"), "late");
-    EXPECT_EQ(world.resolver.resolve<int>(), std::nullopt);
+    world.reg<std::string>("named", returns(std::string("late")));
+    EXPECT_EQ(world.get<std::string>("named"), "late");
+    EXPECT_EQ(world.get<int>(), std::nullopt);
 }
 
 // Each key is looked up twice in a row (found by scanning while the graph is small) and again
@@ -43,13 +42,12 @@ TEST(ContainerScopes, GraphInstancesAreSharedWithinOneOutermostResolutionOnly) {
     int built = 0;
     constexpr int count = 80;
     for (int index = 0; index < count; ++index) {
-        world.module.public_->register_<ServicePtr>("n" + std::to_string(index),
-                                                    [&](const ResolverType&) {
-                                                        ++built;
-                                                        return std::make_shared<Service>();
-                                                    });
+        world.reg<ServicePtr>("n" + std::to_string(index), [&](const ResolverType&) {
+            ++built;
+            return std::make_shared<Service>();
+        });
     }
-    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+    world.reg<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
         for (int round = 0; round < 2; ++round) {
             for (int index = 0; index < count; ++index) {
                 const std::string name = "n" + std::to_string(index);
@@ -60,22 +58,21 @@ TEST(ContainerScopes, GraphInstancesAreSharedWithinOneOutermostResolutionOnly) {
         return std::make_shared<Dependency>();
     });
 
-    ASSERT_TRUE(world.resolver.resolve<std::shared_ptr<Dependency>>());
+    ASSERT_TRUE(world.get<std::shared_ptr<Dependency>>());
     EXPECT_EQ(built, count);
     EXPECT_EQ(world.container->pool()->graphCount(), 0u);
     EXPECT_EQ(world.container->pool()->depth(), 0u);
-    EXPECT_NE(*world.resolver.resolve<ServicePtr>("n0"), *world.resolver.resolve<ServicePtr>("n0"));
+    EXPECT_NE(*world.get<ServicePtr>("n0"), *world.get<ServicePtr>("n0"));
 }
 
 TEST(ContainerScopes, SingletonsAreSharedThroughDerivedContainersAndNoneBuildsEveryTime) {
     ContainerWorld world;
     int built = 0;
-    world.module.public_->register_<ServicePtr>(makes<Service>()).inScope(Scope::singleton);
-    world.module.public_->register_<int>([&](const ResolverType&) { return ++built; })
-        .inScope(Scope::none);
+    world.reg<ServicePtr>(makes<Service>()).inScope(Scope::singleton);
+    world.reg<int>([&](const ResolverType&) { return ++built; }).inScope(Scope::none);
 
-    ServicePtr first = *world.resolver.resolve<ServicePtr>();
-    EXPECT_EQ(*world.resolver.resolve<ServicePtr>(), first);
+    ServicePtr first = *world.get<ServicePtr>();
+    EXPECT_EQ(*world.get<ServicePtr>(), first);
     ProxyResolver derived(world.registry,
                           world.container->currentObjectGraphContainer(ZFObjectGraphTrait::copied),
                           world.container->privateContainer());
@@ -94,17 +91,17 @@ TEST(ContainerScopes, SingletonsAreSharedThroughDerivedContainersAndNoneBuildsEv
     ProxyResolver privateOnly(world.registry, privateContainer, privateContainer);
     EXPECT_EQ(*privateOnly.resolve<ServicePtr>(), first);
     EXPECT_TRUE(privateOnly.resolve<std::shared_ptr<Other>>());
-    EXPECT_FALSE(world.resolver.resolve<std::shared_ptr<Other>>());
+    EXPECT_FALSE(world.get<std::shared_ptr<Other>>());
 
-    EXPECT_EQ(world.resolver.resolve<int>(), 1);
-    EXPECT_EQ(world.resolver.resolve<int>(), 2);
+    EXPECT_EQ(world.get<int>(), 1);
+    EXPECT_EQ(world.get<int>(), 2);
 }
 
 TEST(ContainerConfiguration, RunsOncePerBuiltInstanceAfterTheOutermostFactory) {
     ContainerWorld world;
     std::vector<std::string> events;
-    world.module.public_
-        ->register_<ServicePtr>([&](const ResolverType&) {
+    world
+        .reg<ServicePtr>([&](const ResolverType&) {
             events.push_back("build service");
             return std::make_shared<Service>();
         })
@@ -112,8 +109,8 @@ TEST(ContainerConfiguration, RunsOncePerBuiltInstanceAfterTheOutermostFactory) {
             [&](ServicePtr, const ResolverType&) { events.push_back("first configuration"); })
         .thenConfigure(
             [&](ServicePtr, const ResolverType&) { events.push_back("configure service"); });
-    world.module.public_
-        ->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+    world
+        .reg<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
             r.resolve<ServicePtr>();
             r.resolve<ServicePtr>();
             events.push_back("build dependency");
@@ -123,35 +120,32 @@ TEST(ContainerConfiguration, RunsOncePerBuiltInstanceAfterTheOutermostFactory) {
             events.push_back("configure dependency");
         });
 
-    world.resolver.resolve<std::shared_ptr<Dependency>>();
-    EXPECT_EQ(events, (std::vector<std::string>{"build service", "build dependency",
-                                                "configure dependency", "configure service"}));
+    world.get<std::shared_ptr<Dependency>>();
+    EXPECT_EQ(events, (Strings{"build service", "build dependency", "configure dependency",
+                               "configure service"}));
 }
 
-TEST(ContainerConfiguration, TwoGraphObjectsAreConfiguredWithEachOther) {
+// Two graph objects are configured with each other; a configuration block may ask for a
+// subclass of the registered type.
+TEST(ContainerConfiguration, GraphObjectsConfiguredWithEachOtherAndCastToTheRequestedClass) {
     ContainerWorld world;
-    world.module.public_->register_<std::shared_ptr<Left>>(makes<Left>())
+    std::shared_ptr<Object> configured;
+    world.reg<std::shared_ptr<Object>>(makes<Service>("x"))
+        .thenConfigure<ServicePtr>(
+            [&](ServicePtr service, const ResolverType&) { configured = service; });
+    world.reg<std::shared_ptr<Left>>(makes<Left>())
         .thenConfigure([](std::shared_ptr<Left> left, const ResolverType& r) {
             left->right = *r.resolve<std::shared_ptr<Right>>();
         });
-    world.module.public_->register_<std::shared_ptr<Right>>(makes<Right>())
+    world.reg<std::shared_ptr<Right>>(makes<Right>())
         .thenConfigure([](std::shared_ptr<Right> right, const ResolverType& r) {
             right->left = *r.resolve<std::shared_ptr<Left>>();
         });
 
-    auto left = *world.resolver.resolve<std::shared_ptr<Left>>();
+    auto left = *world.get<std::shared_ptr<Left>>();
     ASSERT_TRUE(left->right);
     EXPECT_EQ(left->right->left.lock(), left);
-}
-
-TEST(ContainerConfiguration, CastsToTheRequestedClass) {
-    ContainerWorld world;
-    std::shared_ptr<Object> configured;
-    world.module.public_->register_<std::shared_ptr<Object>>(makes<Service>("x"))
-        .thenConfigure<ServicePtr>(
-            [&](ServicePtr service, const ResolverType&) { configured = service; });
-    auto resolved = world.resolver.resolve<std::shared_ptr<Object>>();
-    EXPECT_EQ(configured, *resolved);
+    EXPECT_EQ(configured, *world.get<std::shared_ptr<Object>>());
 }
 
 TEST(ContainerPool, DrainRunsConfigBlocksFirstLinkingLastAndBlocksAddedWhileDraining) {
@@ -170,16 +164,16 @@ TEST(ContainerPool, DrainRunsConfigBlocksFirstLinkingLastAndBlocksAddedWhileDrai
         EXPECT_TRUE(order.empty());
         return 0;
     });
-    EXPECT_EQ(order, (std::vector<std::string>{"config 2", "config 1", "link 1", "link 2",
-                                               "added config", "added link"}));
+    EXPECT_EQ(order,
+              (Strings{"config 2", "config 1", "link 1", "link 2", "added config", "added link"}));
 }
 
 TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>(makes<Service>());
+    world.reg<ServicePtr>(makes<Service>());
     std::shared_ptr<Container> kept;
     std::shared_ptr<Container> copied;
-    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+    world.reg<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
         r.resolve<ServicePtr>();
         copied = world.container->currentObjectGraphContainer(ZFObjectGraphTrait::copied);
         EXPECT_FALSE(world.container->isPreparedForLockingGraph());
@@ -188,13 +182,13 @@ TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
         return std::make_shared<Dependency>();
     });
     ServicePtr inGraph;
-    world.module.public_->register_<std::shared_ptr<Other>>([&](const ResolverType& r) {
+    world.reg<std::shared_ptr<Other>>([&](const ResolverType& r) {
         inGraph = *r.resolve<ServicePtr>();
         r.resolve<std::shared_ptr<Dependency>>();
         return std::make_shared<Other>();
     });
 
-    world.resolver.resolve<std::shared_ptr<Other>>();
+    world.get<std::shared_ptr<Other>>();
     EXPECT_FALSE(world.container->isPreparedForLockingGraph());
     ASSERT_TRUE(kept);
     EXPECT_NE(kept->pool(), world.container->pool());
@@ -203,16 +197,17 @@ TEST(ContainerPool, ADerivedContainerKeepsTheGraphOfThePassThatMadeIt) {
     EXPECT_EQ(*later.resolve<ServicePtr>(), inGraph);
     EXPECT_EQ(*later.resolve<ServicePtr>(), inGraph);
     EXPECT_EQ(*ProxyResolver(nullptr, copied).resolve<ServicePtr>(), inGraph);
-    EXPECT_NE(*world.resolver.resolve<ServicePtr>(), inGraph);
+    EXPECT_NE(*world.get<ServicePtr>(), inGraph);
 }
 
 TEST(ContainerPool, AThrowingFactoryLeavesThePassAndDropsItsPendingWork) {
     ContainerWorld world;
     int configured = 0;
-    world.module.public_->register_<ServicePtr>(makes<Service>())
-        .thenConfigure([&](ServicePtr, const ResolverType&) { ++configured; });
+    world.reg<ServicePtr>(makes<Service>()).thenConfigure([&](ServicePtr, const ResolverType&) {
+        ++configured;
+    });
     bool fail = true;
-    world.module.public_->register_<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
+    world.reg<std::shared_ptr<Dependency>>([&](const ResolverType& r) {
         r.resolve<ServicePtr>();
         if (fail) {
             throw std::runtime_error("no dependency today");
@@ -220,29 +215,28 @@ TEST(ContainerPool, AThrowingFactoryLeavesThePassAndDropsItsPendingWork) {
         return std::make_shared<Dependency>();
     });
 
-    EXPECT_THROW(world.resolver.resolve<std::shared_ptr<Dependency>>(), std::runtime_error);
+    EXPECT_THROW(world.get<std::shared_ptr<Dependency>>(), std::runtime_error);
     EXPECT_EQ(world.container->pool()->depth(), 0u);
     EXPECT_EQ(world.container->pool()->graphCount(), 0u);
     EXPECT_EQ(configured, 0);
     fail = false;
-    EXPECT_TRUE(world.resolver.resolve<std::shared_ptr<Dependency>>());
+    EXPECT_TRUE(world.get<std::shared_ptr<Dependency>>());
     EXPECT_EQ(configured, 1);
 }
 
 TEST(ContainerEnvironment, PicksTheTestingFactoryOfASingleSuiteMember) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>(returns(std::string("normal")))
+    world.reg<std::string>(returns(std::string("normal")))
         .whenTesting({Container::TestSuite::performance, Container::TestSuite::automation},
                      returns(std::string("testing")));
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "normal");
-    world.container->environment =
-        Container::Environment::testing(Container::TestSuite::performance);
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "testing");
-    world.container->environment =
-        Container::Environment::testing(Container::TestSuite::automation);
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "testing");
-    world.container->environment = Container::Environment::testing(Container::TestSuite::all);
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "normal");
+    EXPECT_EQ(world.get<std::string>(), "normal");
+    using Suite = Container::TestSuite;
+    const std::pair<Suite, const char*> cases[] = {
+        {Suite::performance, "testing"}, {Suite::automation, "testing"}, {Suite::all, "normal"}};
+    for (const auto& [suite, expected] : cases) {
+        world.container->environment = Container::Environment::testing(suite);
+        EXPECT_EQ(world.get<std::string>(), expected) << suite.description();
+    }
 
     EXPECT_EQ(world.container->environment.description(), "testing (all)");
     EXPECT_EQ(Container::TestSuite(4).description(), "unknown");
@@ -251,26 +245,23 @@ TEST(ContainerEnvironment, PicksTheTestingFactoryOfASingleSuiteMember) {
 
 using ContainerDeathTest = ::testing::Test;
 
-TEST_F(ContainerDeathTest, FailedConfigurationCastNamesBothTypes) {
+// A failed configuration cast names both types; a factory cycle names the chain of keys.
+TEST_F(ContainerDeathTest, FailedConfigurationCastAndFactoryCycleNameTheirTypes) {
     ContainerWorld world;
-    world.module.public_->register_<std::shared_ptr<Object>>(makes<Other>())
+    world.reg<std::shared_ptr<Object>>(makes<Other>())
         .thenConfigure<ServicePtr>([](ServicePtr, const ResolverType&) {});
-    EXPECT_DEATH(world.resolver.resolve<std::shared_ptr<Object>>(),
+    EXPECT_DEATH(world.get<std::shared_ptr<Object>>(),
                  "provided input cannot be cast\\. inputType=kel::test::Other, "
                  "castType=kel::test::Service");
-}
-
-TEST_F(ContainerDeathTest, FactoryCycleNamesTheChainOfKeys) {
-    ContainerWorld world;
-    world.module.public_->register_<ServicePtr>([](const ResolverType& r) {
+    world.reg<ServicePtr>([](const ResolverType& r) {
         r.resolve<std::shared_ptr<Dependency>>();
         return std::make_shared<Service>();
     });
-    world.module.public_->register_<std::shared_ptr<Dependency>>([](const ResolverType& r) {
+    world.reg<std::shared_ptr<Dependency>>([](const ResolverType& r) {
         r.resolve<ServicePtr>();
         return std::make_shared<Dependency>();
     });
-    EXPECT_DEATH(world.resolver.resolve<ServicePtr>(),
+    EXPECT_DEATH(world.get<ServicePtr>(),
                  "factory cycle while resolving: std::shared_ptr<kel::test::Service> -> "
                  "std::shared_ptr<kel::test::Dependency> -> std::shared_ptr<kel::test::Service>");
 }

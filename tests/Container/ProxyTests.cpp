@@ -20,24 +20,23 @@ namespace {
 using ServicePtr = std::shared_ptr<Service>;
 using OtherPtr = std::shared_ptr<Other>;
 
-TEST(ProxyResolution, PublicShadowsPrivateAndBridgedAnswersOnlyTheClassForms) {
-    ContainerWorld world;
-    world.module.private_->register_<std::string>(returns(std::string("private")));
-    world.module.private_->register_<int>(returns(2));
-    world.module.public_->register_<std::string>(returns(std::string("public")));
-    world.module.objc->register_<OtherPtr>(makes<Other>());
-
-    EXPECT_EQ(world.resolver.resolve<std::string>(), "public");
-    EXPECT_EQ(world.resolver.resolve<int>(), 2);
-    EXPECT_TRUE(world.resolver.resolve<OtherPtr>());
-    EXPECT_FALSE(world.resolver.resolveGeneral<OtherPtr>());
-    EXPECT_FALSE(world.resolver.resolve<OtherPtr>("named"));
-}
-
-TEST(ProxyResolution, BridgedExceptionIsLoggedOnceAndWrongClassIsSilentlyAbsent) {
+// Public shadows private and the bridged resolver answers only the class forms; a bridged
+// exception is logged once and a bridged instance of the wrong class is silently absent.
+TEST(ProxyResolution, PublicShadowsPrivateBridgedAnswersClassFormsAndLogsItsExceptionOnce) {
     ContainerWorld world;
     auto sink = std::make_shared<CapturingLogSink>();
     ScopedLogSink scoped(sink);
+    world.module.private_->register_<std::string>(returns(std::string("private")));
+    world.module.private_->register_<int>(returns(2));
+    world.reg<std::string>(returns(std::string("public")));
+    world.module.objc->register_<OtherPtr>(makes<Other>());
+
+    EXPECT_EQ(world.get<std::string>(), "public");
+    EXPECT_EQ(world.get<int>(), 2);
+    EXPECT_TRUE(world.get<OtherPtr>());
+    EXPECT_FALSE(world.resolver.resolveGeneral<OtherPtr>());
+    EXPECT_FALSE(world.get<OtherPtr>("named"));
+
     world.module.objc->register_<ServicePtr>([](const ResolverType&) -> ServicePtr {
         throw Exception("ZFTestException", "nothing to give");
     });
@@ -45,8 +44,8 @@ TEST(ProxyResolution, BridgedExceptionIsLoggedOnceAndWrongClassIsSilentlyAbsent)
         bridgedKey<Dependency>(), std::nullopt,
         [](const std::shared_ptr<ZFResolver>&) { return std::make_shared<Other>(); });
 
-    EXPECT_FALSE(world.resolver.resolve<ServicePtr>());
-    EXPECT_FALSE(world.resolver.resolve<std::shared_ptr<Dependency>>());
+    EXPECT_FALSE(world.get<ServicePtr>());
+    EXPECT_FALSE(world.get<std::shared_ptr<Dependency>>());
     ASSERT_EQ(sink->records().size(), 1u);
     const LogRecord record = sink->records().front();
     EXPECT_EQ(record.level, LogLevel::error);
@@ -82,7 +81,7 @@ TEST(ProxyContainerSurfaces, RegistryIsAskedForItsCallbackOncePerSurface) {
 
 TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverriding) {
     ContainerWorld world;
-    world.module.public_->register_<std::string>(returns(std::string("from public")));
+    world.reg<std::string>(returns(std::string("from public")));
     world.module.objc->register_<ServicePtr>(makes<Service>())
         .inScope(Scope::singleton)
         .thenConfigure([](ServicePtr service, const ResolverType& r) {
@@ -90,31 +89,30 @@ TEST(ProxyContainerSurfaces, BridgedDefinitionsHonourScopeConfigurationAndOverri
         })
         .canBe(false);
 
-    ServicePtr first = *world.resolver.resolve<ServicePtr>();
+    ServicePtr first = *world.get<ServicePtr>();
     EXPECT_EQ(first->label, "from public");
-    EXPECT_EQ(*world.resolver.resolve<ServicePtr>(), first);
+    EXPECT_EQ(*world.get<ServicePtr>(), first);
     EXPECT_THROW(world.module.objc->register_<ServicePtr>(makes<Service>()), Exception);
 }
 
 TEST(ProxyContainerSurfaces, OutermostResolutionsLinkTheBridgedResolverOnce) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>(makes<Service>());
-    world.module.public_->register_<std::shared_ptr<Dependency>>([](const ResolverType& r) {
+    world.reg<ServicePtr>(makes<Service>());
+    world.reg<std::shared_ptr<Dependency>>([](const ResolverType& r) {
         r.resolve<ServicePtr>();
         auto current = r.currentObjectGraphResolver(ZFObjectGraphTrait::shared);
         EXPECT_EQ(*current->resolve<ServicePtr>(), *r.resolve<ServicePtr>());
         return std::make_shared<Dependency>();
     });
-    world.resolver.resolve<std::shared_ptr<Dependency>>();
+    world.get<std::shared_ptr<Dependency>>();
     EXPECT_EQ(world.registry->linkCount(), 1u);
-    world.resolver.resolve<ServicePtr>("missing");
+    world.get<ServicePtr>("missing");
     EXPECT_EQ(world.registry->linkCount(), 1u);
 }
 
 TEST(ProxyExplain, DescribesTheLookupWithoutChangingIt) {
     ContainerWorld world;
-    world.module.public_->register_<ServicePtr>("formal", makes<Service>())
-        .inScope(Scope::singleton);
+    world.reg<ServicePtr>("formal", makes<Service>()).inScope(Scope::singleton);
     world.module.private_->register_<ServicePtr>(makes<Service>());
     auto sink = std::make_shared<CapturingLogSink>();
     ScopedLogSink scoped(sink);
@@ -130,32 +128,31 @@ TEST(ProxyExplain, DescribesTheLookupWithoutChangingIt) {
                 HasSubstr("public container: registered, scope singleton"));
     EXPECT_THAT(world.resolver.explain<int>(), HasSubstr("not asked (not a class type)"));
     EXPECT_TRUE(sink->records().empty());
-    EXPECT_FALSE(world.resolver.resolve<ServicePtr>("casual"));
+    EXPECT_FALSE(world.get<ServicePtr>("casual"));
 }
 
 TEST(ContainerKeyAcrossSharedObjects, APluginFindsTheApplicationsRegistrationsAndTheReverse) {
     void* plugin = dlopen(KEL_CONTAINER_TEST_PLUGIN, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(plugin, nullptr) << dlerror();
+    auto entry = [plugin](const char* name) { return dlsym(plugin, name); };
     auto resolveGreeting =
-        reinterpret_cast<PluginResolveGreeting>(dlsym(plugin, "kelPluginResolveGreeting"));
+        reinterpret_cast<PluginResolveGreeting>(entry("kelPluginResolveGreeting"));
     auto registerService =
-        reinterpret_cast<PluginRegisterService>(dlsym(plugin, "kelPluginRegisterService"));
-    auto typeWord = reinterpret_cast<PluginTypeWord>(dlsym(plugin, "kelPluginTypeWord"));
+        reinterpret_cast<PluginRegisterService>(entry("kelPluginRegisterService"));
+    auto typeWord = reinterpret_cast<PluginTypeWord>(entry("kelPluginTypeWord"));
     ASSERT_TRUE(resolveGreeting && registerService && typeWord);
 
     ContainerWorld world;
-    world.module.public_->register_<std::shared_ptr<PluginGreeting>>([](const ResolverType&) {
-        auto greeting = std::make_shared<PluginGreeting>();
-        greeting->text = "hello from the application";
-        return greeting;
-    });
+    auto greeting = std::make_shared<PluginGreeting>();
+    greeting->text = "hello from the application";
+    world.reg<std::shared_ptr<PluginGreeting>>(returns(greeting));
     std::string text;
     EXPECT_TRUE(resolveGreeting(&world.resolver, &text));
     EXPECT_EQ(text, "hello from the application");
     EXPECT_EQ(typeWord(), detail::typeWord<std::shared_ptr<PluginGreeting>>());
 
     registerService(&world.container);
-    auto service = world.resolver.resolve<std::shared_ptr<PluginService>>();
+    auto service = world.get<std::shared_ptr<PluginService>>();
     ASSERT_TRUE(service);
     EXPECT_EQ((*service)->answer, 7);
 }

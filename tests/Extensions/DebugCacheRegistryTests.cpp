@@ -24,6 +24,7 @@ struct Line {
     std::string message;
     friend bool operator==(const Line&, const Line&) = default;
 };
+using Lines = std::vector<Line>;
 
 void PrintTo(const Line& line, std::ostream* out) {
     *out << (line.level == LogLevel::error ? "[error] " : "[default] ") << line.message;
@@ -44,12 +45,12 @@ std::string removing(const fs::path& file) {
 class DebugCacheRegistryClear : public ::testing::Test {
   protected:
     // Runs clear() and returns its log lines; shown_ receives them with every argument shown.
-    std::vector<Line> clear() {
+    Lines clear() {
         auto capture = std::make_shared<kel::CapturingLogSink>();
         kel::ScopedLogSink scope(capture);
         registry_.clear();
         shown_ = capture->messages();
-        std::vector<Line> lines;
+        Lines lines;
         for (const kel::LogRecord& record : capture->records()) {
             lines.push_back({record.level, record.message(true)});
         }
@@ -68,14 +69,27 @@ class DebugCacheRegistryClear : public ::testing::Test {
     std::vector<std::string> shown_;
 };
 
-TEST_F(DebugCacheRegistryClear, NothingRegisteredOrAnUnlistableDirectoryLogsOnlyTheClearingLines) {
-    EXPECT_EQ(clear(), (std::vector<Line>{clearingFiles, clearingKeys}));
+// Nothing registered, an unlistable directory or a non-file URL log only the clearing lines.
+// A raw NUL inside a registered URL would cut the path short: "dir\0/cache.bin" would remove the
+// directory "dir" and everything in it; such URLs remove nothing.
+TEST_F(DebugCacheRegistryClear, NothingRegisteredUnlistableOrNulCarryingEntriesRemoveNothing) {
+    EXPECT_EQ(clear(), (Lines{clearingFiles, clearingKeys}));
     touch("plain-file");
     registry_.registerContentsOfDirectory(directory_ / "missing");
     registry_.registerContentsOfDirectory(directory_ / "plain-file");
     registry_.registerContentsOfDirectoryURL("https://example.com/cache/");
-    EXPECT_EQ(clear(), (std::vector<Line>{clearingFiles, clearingKeys}));
+    EXPECT_EQ(clear(), (Lines{clearingFiles, clearingKeys}));
     EXPECT_TRUE(fs::exists(directory_ / "plain-file"));
+
+    fs::path kept = touch("dir/cache.bin");
+    using namespace std::string_literals;
+    const std::string nulInside = DebugCacheRegistry::fileURL(directory_ / "dir") + "\0/cache.bin"s;
+    EXPECT_EQ(DebugCacheRegistry::filePath(nulInside), std::nullopt);
+    registry_.registerFileURL(nulInside);
+    registry_.registerFileURL(DebugCacheRegistry::fileURL(directory_ / "plain-file") + "\0.tmp"s);
+    clear();
+    EXPECT_TRUE(fs::exists(kept)) << "NUL inside the path";
+    EXPECT_TRUE(fs::exists(directory_ / "plain-file")) << "NUL after the path";
 }
 
 // A file already gone logs its failure publicly and the next one is still removed. The
@@ -90,8 +104,8 @@ TEST_F(DebugCacheRegistryClear, FailuresAreLoggedAndEveryClearRemovesTheSameFile
     registry_.registerFileURL(DebugCacheRegistry::fileURL(present));
     registry_.registerUserDefaultsKey("lastSync", defaults);
 
-    ASSERT_EQ(clear(), (std::vector<Line>{clearingFiles, removingFile, failed, removingFile,
-                                          clearingKeys, removingKey}));
+    ASSERT_EQ(clear(), (Lines{clearingFiles, removingFile, failed, removingFile, clearingKeys,
+                              removingKey}));
     EXPECT_EQ(shown_[1], removing(gone));
     EXPECT_EQ(shown_[3], removing(present));
     EXPECT_EQ(shown_[5], "removing cache user defaults key: lastSync");
@@ -99,8 +113,8 @@ TEST_F(DebugCacheRegistryClear, FailuresAreLoggedAndEveryClearRemovesTheSameFile
     EXPECT_EQ(defaults->dictionaryRepresentation(), (nlohmann::json{{"keep", true}}));
 
     defaults->set("lastSync", 13);
-    EXPECT_EQ(clear(), (std::vector<Line>{clearingFiles, removingFile, failed, removingFile, failed,
-                                          clearingKeys, removingKey}));
+    EXPECT_EQ(clear(), (Lines{clearingFiles, removingFile, failed, removingFile, failed,
+                              clearingKeys, removingKey}));
     EXPECT_EQ(defaults->object("lastSync"), std::nullopt);
 }
 
@@ -129,22 +143,6 @@ TEST(DebugCacheRegistryURLs, PathsAndFileURLsRoundTrip) {
     for (const char* notLocal : {"file://server/share", "/plain/path", "file:///a%00b"}) {
         EXPECT_EQ(DebugCacheRegistry::filePath(notLocal), std::nullopt) << notLocal;
     }
-}
-
-// A raw NUL inside a registered URL would cut the path short: "dir\0/cache.bin" would remove
-// the directory "dir" and everything in it.
-TEST_F(DebugCacheRegistryClear, ARawNulByteInAFileURLRemovesNothing) {
-    fs::path kept = touch("dir/cache.bin");
-    fs::path data = touch("data.json");
-    using namespace std::string_literals;
-    const std::string nulInside = DebugCacheRegistry::fileURL(directory_ / "dir") + "\0/cache.bin"s;
-    const std::string nulAtEnd = DebugCacheRegistry::fileURL(data) + "\0.tmp"s;
-    EXPECT_EQ(DebugCacheRegistry::filePath(nulInside), std::nullopt);
-    registry_.registerFileURL(nulInside);
-    registry_.registerFileURL(nulAtEnd);
-    clear();
-    EXPECT_TRUE(fs::exists(kept));
-    EXPECT_TRUE(fs::exists(data));
 }
 
 }  // namespace

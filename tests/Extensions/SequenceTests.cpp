@@ -19,7 +19,9 @@ struct Person {
     friend bool operator==(const Person&, const Person&) = default;
 };
 
-TEST(SequenceUnique, KeepsTheFirstOccurrenceOfEachElementOrKeyInOrder) {
+// The first occurrence of each element or key is kept, in order, also from single-pass and
+// generated ranges.
+TEST(SequenceUnique, KeepsTheFirstOccurrenceOfEachElementOrKeyFromAnyRange) {
     EXPECT_EQ(kel::unique(std::vector{3, 1, 3, 2, 1, 3}), (std::vector{3, 1, 2}));
     const std::forward_list<std::string> words{"b", "a", "b", "", "a", ""};
     EXPECT_EQ(kel::unique(words), (std::vector<std::string>{"b", "a", ""}));
@@ -29,9 +31,7 @@ TEST(SequenceUnique, KeepsTheFirstOccurrenceOfEachElementOrKeyInOrder) {
     EXPECT_EQ(kel::unique(people, &Person::age), byAge);
     // A key computed on the fly (a value, not a reference into the element).
     EXPECT_EQ(kel::unique(people, [](const Person& p) { return p.age / 10; }), byAge);
-}
 
-TEST(SequenceUnique, WorksOnSinglePassAndGeneratedRanges) {
     std::istringstream input("4 4 5 4 6 5");
     EXPECT_EQ(kel::unique(std::views::istream<int>(input)), (std::vector{4, 5, 6}));
 

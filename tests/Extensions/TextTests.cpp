@@ -14,7 +14,8 @@ TEST(TextUppercasing, FirstCharacterOnlyAndAsciiOnly) {
     EXPECT_EQ(kel::uppercased("mixed Case 42 \xC3\xA9"), "MIXED CASE 42 \xC3\xA9");
 }
 
-TEST(URLText, SchemesAreCheckedAndComparedWithoutCase) {
+// Schemes are checked and compared without case; web URLs need http or https and a host.
+TEST(URLText, SchemesAndWebURLs) {
     EXPECT_EQ(kel::urlScheme("svn+ssh://host/repo"), "svn+ssh");
     for (const char* text : {"example.com/path", "://nothing", "1http://x", "ht tp://x"}) {
         EXPECT_EQ(kel::urlScheme(text), std::nullopt) << text;
@@ -23,9 +24,6 @@ TEST(URLText, SchemesAreCheckedAndComparedWithoutCase) {
     EXPECT_FALSE(kel::hasScheme("https://example.com", "http"));
     EXPECT_TRUE(kel::isFileURL("file:///tmp/data.json"));
     EXPECT_FALSE(kel::isFileURL("/tmp/data.json"));
-}
-
-TEST(URLText, WebURLsNeedHttpOrHttpsAndAHost) {
     for (const char* url :
          {"https://example.com/a/b?c=d#e", "HTTP://EXAMPLE.COM", "https://user:pw@host:8443/",
           "http://[::1]:8080/", "http://[::1]/", "http://localhost?x"}) {

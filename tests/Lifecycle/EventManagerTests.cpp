@@ -4,6 +4,8 @@
 
 #include <string>
 #include <thread>
+#include <tuple>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -12,10 +14,11 @@ using kel::EventManager;
 using kel::EventTriggerBehavior;
 
 enum class AppEvent { launched, active, signedIn, background };
+using Calls = std::vector<std::string>;
 
 struct EventManagerTest : ::testing::Test {
     EventManager<AppEvent> manager;
-    std::vector<std::string> calls;
+    Calls calls;
 
     EventManager<AppEvent>::Block record(std::string name) {
         return [this, name] { calls.push_back(name); };
@@ -26,21 +29,22 @@ struct EventManagerTest : ::testing::Test {
 // enough, also when `all` is set too. The empty set satisfies every trigger without `any` and
 // never one with it.
 TEST_F(EventManagerTest, SatisfactionTestsOnlyAny) {
-    manager.trigger({AppEvent::launched, AppEvent::active}, {}, record("default"));
-    manager.trigger({AppEvent::launched, AppEvent::active}, EventTriggerBehavior::all,
-                    record("all"));
-    manager.trigger({AppEvent::launched, AppEvent::active}, EventTriggerBehavior::any,
-                    record("any"));
-    manager.trigger({AppEvent::launched, AppEvent::active},
-                    {EventTriggerBehavior::any, EventTriggerBehavior::all}, record("any+all"));
-    manager.trigger(std::unordered_set<AppEvent>{}, {}, record("empty"));
-    manager.trigger(std::unordered_set<AppEvent>{}, EventTriggerBehavior::any, record("empty any"));
+    using enum AppEvent;
+    using B = EventTriggerBehavior;
+    const std::unordered_set<AppEvent> both{launched, active}, none;
+    const std::tuple<const char*, std::unordered_set<AppEvent>, B> triggers[] = {
+        {"default", both, {}}, {"all", both, B::all},
+        {"any", both, B::any}, {"any+all", both, {B::any, B::all}},
+        {"empty", none, {}},   {"empty any", none, B::any}};
+    for (const auto& [name, events, behavior] : triggers) {
+        manager.trigger(events, behavior, record(name));
+    }
 
-    manager.fire(AppEvent::launched);
-    EXPECT_EQ(calls, (std::vector<std::string>{"any", "any+all", "empty"}));
+    manager.fire(launched);
+    EXPECT_EQ(calls, (Calls{"any", "any+all", "empty"}));
     calls.clear();
-    manager.fire(AppEvent::active);
-    EXPECT_EQ(calls, (std::vector<std::string>{"default", "all", "any", "any+all", "empty"}));
+    manager.fire(active);
+    EXPECT_EQ(calls, (Calls{"default", "all", "any", "any+all", "empty"}));
 }
 
 // A kept trigger runs again on every later fire, related or not (a repeated event included);
@@ -53,7 +57,7 @@ TEST_F(EventManagerTest, KeptTriggersRerunOnEveryFireOnlyOnceRunOnce) {
     manager.fire(AppEvent::active);
     manager.fire(AppEvent::background);
     manager.fire(AppEvent::active);
-    EXPECT_EQ(calls, (std::vector<std::string>{"kept", "once", "kept", "kept"}));
+    EXPECT_EQ(calls, (Calls{"kept", "once", "kept", "kept"}));
 }
 
 // A trigger registered after its events fired runs during registration only when eager (and is
@@ -66,10 +70,10 @@ TEST_F(EventManagerTest, TriggersRegisteredAfterTheirEvents) {
                     {EventTriggerBehavior::eager, EventTriggerBehavior::onlyOnce},
                     record("eager once"));
     manager.trigger(AppEvent::active, EventTriggerBehavior::eager, record("eager unsatisfied"));
-    EXPECT_EQ(calls, (std::vector<std::string>{"eager", "eager once"}));
+    EXPECT_EQ(calls, (Calls{"eager", "eager once"}));
     calls.clear();
     manager.fire(AppEvent::background);
-    EXPECT_EQ(calls, (std::vector<std::string>{"lazy", "eager"}));
+    EXPECT_EQ(calls, (Calls{"lazy", "eager"}));
 }
 
 // The list is replaced when fire ends: a trigger registered by a block is dropped (its eager
@@ -87,8 +91,7 @@ TEST_F(EventManagerTest, ListReplacedAtTheEndOfFire) {
     manager.fire(AppEvent::launched);
     // The nested fire walked the stored list: the outer trigger (not yet dropped), signedIn and
     // the registered one. The outer fire then walked on in its own list and ran signedIn again.
-    EXPECT_EQ(calls, (std::vector<std::string>{"outer", "registered", "outer", "signedIn",
-                                               "registered", "signedIn"}));
+    EXPECT_EQ(calls, (Calls{"outer", "registered", "outer", "signedIn", "registered", "signedIn"}));
     calls.clear();
     manager.fire(AppEvent::background);
     EXPECT_TRUE(calls.empty());

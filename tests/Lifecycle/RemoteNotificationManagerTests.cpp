@@ -90,24 +90,9 @@ TEST(RemoteNotificationRouting, CategoryMatchesOnlyAStringCategoryInsideAnApsObj
     EXPECT_EQ(news->calls, 1);
 }
 
-// A registration whose handler died still counts for whenActive until a notification skips and
-// prunes it; then blocks wait for the next add again.
-TEST(RemoteNotificationRegistrations, DeadHandlersAreSkippedAndPrunedByTheCall) {
-    RemoteNotificationManager manager;
-    manager.add(std::make_shared<Handler>(), RemoteNotificationPattern::any);
-    int ran = 0;
-    manager.whenActive([&ran] { ++ran; });
-    EXPECT_EQ(ran, 1);
-    EXPECT_EQ(await(manager.handleRemoteNotification(json::object())).value(), Result::noData);
-    manager.whenActive([&ran] { ++ran; });
-    EXPECT_EQ(ran, 1);
-    manager.add(std::make_shared<Handler>(), RemoteNotificationPattern::any);
-    EXPECT_EQ(ran, 2);
-}
-
 // Blocks queued before the first handler run in order inside its add, with the handler already
 // registered; a handler added while a notification is handled is called from the next one.
-TEST(RemoteNotificationRegistrations, WhenActiveBlocksAndRegistrationsDuringACall) {
+TEST(RemoteNotificationRegistrations, WhenActiveBlocksRegistrationsDuringACallAndDeadHandlers) {
     RemoteNotificationManager manager;
     std::vector<std::string> journal;
     auto first = std::make_shared<Handler>();
@@ -127,6 +112,19 @@ TEST(RemoteNotificationRegistrations, WhenActiveBlocksAndRegistrationsDuringACal
     EXPECT_EQ(late->calls, 0);
     manager.handleRemoteNotification(json::object());
     EXPECT_EQ(late->calls, 1);
+
+    // A registration whose handler died still counts for whenActive until a notification skips
+    // and prunes it; then blocks wait for the next add again.
+    first.reset();
+    late.reset();
+    int ran = 0;
+    manager.whenActive([&ran] { ++ran; });
+    EXPECT_EQ(ran, 1) << "dead registrations still count until pruned";
+    EXPECT_EQ(await(manager.handleRemoteNotification(json::object())).value(), Result::noData);
+    manager.whenActive([&ran] { ++ran; });
+    EXPECT_EQ(ran, 1) << "pruned: the block waits for the next add";
+    manager.add(std::make_shared<Handler>(), RemoteNotificationPattern::any);
+    EXPECT_EQ(ran, 2);
 }
 
 }  // namespace
