@@ -101,12 +101,13 @@ TEST(TaskSchedulerQueues, AreNamedAndLimitedAfterTheScheduler) {
     kel::TaskScheduler scheduler("x");
     const kel::DispatchQueue& dispatch = scheduler.concurrentDispatchQueue();
     EXPECT_EQ(dispatch.label(), "x.TaskScheduler.concurrentDQ");
-    const kel::OperationQueue& concurrent = *scheduler.concurrentOperationQueue();
+    const kel::OperationQueue &concurrent = *scheduler.concurrentOperationQueue(),
+                              &serial = *scheduler.serialOperationQueue();
     EXPECT_EQ(concurrent.name(), "x.TaskScheduler.concurrentOQ");
     EXPECT_EQ(concurrent.maxConcurrentOperationCount(), -1);
     EXPECT_EQ(concurrent.underlyingQueue(), dispatch);
-    EXPECT_EQ(scheduler.serialOperationQueue()->name(), "x.TaskScheduler.serialOQ");
-    EXPECT_EQ(scheduler.serialOperationQueue()->maxConcurrentOperationCount(), 1);
+    EXPECT_EQ(serial.name(), "x.TaskScheduler.serialOQ");
+    EXPECT_EQ(serial.maxConcurrentOperationCount(), 1);
 }
 
 // A block and an operation each wait for the delayed block, so they can only finish if all
@@ -178,14 +179,12 @@ TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
         return promise.resolution();
     };
     auto fulfilled = settle(Result<int>::success(5));
-    ASSERT_TRUE(fulfilled && fulfilled->isResolved());
-    EXPECT_EQ(fulfilled->value(), 5);
+    EXPECT_TRUE(fulfilled && fulfilled->value() == 5);
     auto rejected = settle(Result<int>::failed(kel::makeError(std::runtime_error("offline"))));
     ASSERT_TRUE(rejected && rejected->isRejected());
     EXPECT_EQ(kel::errorDescription(rejected->error()), "offline");
-    auto cancelled =
-        settle(Result<int>::failed(kel::makeError(kel::AsyncOperationError::cancelled)));
-    EXPECT_TRUE(cancelled && cancelled->isCancelled());
+    EXPECT_TRUE(settle(Result<int>::failed(kel::makeError(kel::AsyncOperationError::cancelled)))
+                    ->isCancelled());
 }
 
 // The class-wide forms run on the shared scheduler's queues.
