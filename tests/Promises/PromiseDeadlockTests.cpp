@@ -49,8 +49,7 @@ TEST(PromiseDeadlock, AllOverADerivedInputListedBeforeItsSource) {
 TEST(PromiseDeadlock, TwoAllsInOppositeOrdersSettledOnTwoThreads) {
     EXPECT_TRUE(finishesWithin("all({a, b}) and all({b, a})", [] {
         for (int round = 0; round < kRounds; ++round) {
-            DeferredPromise<int> a;
-            DeferredPromise<int> b;
+            DeferredPromise<int> a, b;
             auto ab = Promise<int>::all({a.promise, b.promise});
             auto ba = Promise<int>::all({b.promise, a.promise});
             atOnce([&] { a.resolve(1); }, [&] { b.resolve(2); });
@@ -133,8 +132,7 @@ TEST(PromiseDeadlock, ConcurrentCallersOfOneKeyShareOneCreateBlock) {
                 ++created;
                 return work.promise;
             };
-            Promise<int> a = Promise<int>::fulfilled(0);
-            Promise<int> b = Promise<int>::fulfilled(0);
+            Promise<int> a = Promise<int>::fulfilled(0), b = Promise<int>::fulfilled(0);
             atOnce([&] { a = deduper.promise(7, create); },
                    [&] { b = deduper.promise(7, create); });
             ASSERT_EQ(created.load(), 1);
