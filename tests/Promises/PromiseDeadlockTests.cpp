@@ -104,11 +104,13 @@ TEST(PromiseDeadlock, DeduperCreateBlockSettlesAnotherKeysPromise) {
     }));
 }
 
-TEST(PromiseDeadlock, DeduperCreateBlockChainsOntoAPromiseAnotherThreadSettles) {
-    EXPECT_TRUE(finishesWithin("createBlock chaining onto a settling promise", [] {
+// Callers of one deduper racing a settlement, and racing each other for one key.
+TEST(PromiseDeadlock, DeduperCallersRaceASettlementAndEachOther) {
+    EXPECT_TRUE(finishesWithin("deduper callers racing", [] {
         for (int round = 0; round < kRounds; ++round) {
             PromiseDeduper<int, int> deduper;
-            DeferredPromise<int> first;
+            DeferredPromise<int> first, work;
+            // A createBlock chains onto a promise another thread settles.
             deduper.promise(1, [&] { return first.promise; });
             Promise<int> chained = Promise<int>::fulfilled(0);
             atOnce([&] { first.resolve(5); },
@@ -117,16 +119,9 @@ TEST(PromiseDeadlock, DeduperCreateBlockChainsOntoAPromiseAnotherThreadSettles) 
                            return first.promise.then(zalgo(), [](int v) { return v + 1; });
                        });
                    });
-            ASSERT_EQ(await(chained).value(), 6);
-        }
-    }));
-}
+            ASSERT_EQ(await(chained).value(), 6) << "createBlock chaining onto a settling promise";
 
-TEST(PromiseDeadlock, ConcurrentCallersOfOneKeyShareOneCreateBlock) {
-    EXPECT_TRUE(finishesWithin("same-key callers", [] {
-        for (int round = 0; round < kRounds; ++round) {
-            PromiseDeduper<int, int> deduper;
-            DeferredPromise<int> work;
+            // Two callers of one key at once share one createBlock.
             std::atomic<int> created{0};
             auto create = [&] {
                 ++created;
@@ -135,8 +130,8 @@ TEST(PromiseDeadlock, ConcurrentCallersOfOneKeyShareOneCreateBlock) {
             Promise<int> a = Promise<int>::fulfilled(0), b = Promise<int>::fulfilled(0);
             atOnce([&] { a = deduper.promise(7, create); },
                    [&] { b = deduper.promise(7, create); });
-            ASSERT_EQ(created.load(), 1);
-            ASSERT_TRUE(a == b);
+            ASSERT_EQ(created.load(), 1) << "same-key callers";
+            ASSERT_TRUE(a == b) << "same-key callers";
             work.resolve(1);
         }
     }));
