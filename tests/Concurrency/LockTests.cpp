@@ -68,11 +68,6 @@ TEST(UnfairLockOptions, OptionWordLooksOnlyAtBitZero) {
     EXPECT_EQ(UnfairLock(Options(-2)).optionWord(), 0u);
 }
 
-}  // namespace
-
-namespace kel {
-namespace {
-
 // Misuse stops the process with a message instead of hanging or corrupting the lock.
 TEST(UnfairLockDeathTest, RelockingOnTheOwningThreadOrUnlockingFromAnotherStops) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -86,4 +81,3 @@ TEST(UnfairLockDeathTest, RelockingOnTheOwningThreadOrUnlockingFromAnotherStops)
 }
 
 }  // namespace
-}  // namespace kel
