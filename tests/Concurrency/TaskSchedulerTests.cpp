@@ -178,12 +178,14 @@ TEST(TaskSchedulerPromise, SettlesByTheOperationsOutcome) {
         return promise.resolution();
     };
     auto fulfilled = settle(Result<int>::success(5));
-    EXPECT_TRUE(fulfilled && fulfilled->value() == 5);
+    ASSERT_TRUE(fulfilled && fulfilled->isResolved());
+    EXPECT_EQ(fulfilled->value(), 5);
     auto rejected = settle(Result<int>::failed(kel::makeError(std::runtime_error("offline"))));
     ASSERT_TRUE(rejected && rejected->isRejected());
     EXPECT_EQ(kel::errorDescription(rejected->error()), "offline");
-    EXPECT_TRUE(settle(Result<int>::failed(kel::makeError(kel::AsyncOperationError::cancelled)))
-                    ->isCancelled());
+    auto cancelled =
+        settle(Result<int>::failed(kel::makeError(kel::AsyncOperationError::cancelled)));
+    EXPECT_TRUE(cancelled && cancelled->isCancelled());
 }
 
 // The class-wide forms run on the shared scheduler's queues.
