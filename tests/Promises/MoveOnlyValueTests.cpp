@@ -143,7 +143,9 @@ TEST(MoveOnlyValue, AUniquelyOwnedCopyableValueIsMovedAndASharedOneCopied) {
     test::Pending<Counted> pending;
     auto raced = Promise<Counted>::race(std::vector<Promise<Counted>>(1, pending.promise));
     (*pending.fulfill)(Counted(copies));
-    settledValue(flattened), settledValue(joined), settledValue(raced);
+    settledValue(flattened);
+    settledValue(joined);
+    settledValue(raced);
     // `pending` still holds its promise: the race copies that value, and nothing else is copied.
     EXPECT_EQ(copies->load(), 1);
 }
