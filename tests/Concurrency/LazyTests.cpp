@@ -16,7 +16,6 @@
 
 namespace {
 
-using kel::EventLoadedLazy;
 using kel::Lazy;
 using kel::LazyOptions;
 using kel::test::pumpUntil;
@@ -62,8 +61,7 @@ TEST(LazyTest, FailedLoadReachesItsReaderAndTheNextReadRetries) {
     int pendingCalls = 0;
     lazy.onLoad([&](int) { ++pendingCalls; });
 
-    std::atomic<int> failures = 0;
-    std::atomic<int> sevens = 0;
+    std::atomic<int> failures = 0, sevens = 0;
     std::vector<std::jthread> readers;
     for (int i = 0; i < readerCount; ++i) {
         readers.emplace_back([&] {
@@ -92,8 +90,7 @@ TEST(LazyTest, KeepOffMainSendsLoadToTheScheduler) {
         loadedOnMain = kel::isMainThread();
         return 3;
     });
-    std::atomic<bool> completed = false;
-    std::atomic<bool> completedOnMain = true;
+    std::atomic<bool> completed = false, completedOnMain = true;
     lazy->load([&](int value) {
         completedOnMain = kel::isMainThread();
         completed = value == 3;
@@ -113,8 +110,7 @@ TEST(LazyTest, KeepOffMainSendsLoadToTheScheduler) {
 // keepOffMain as well, a background read loads on its own thread.
 TEST(LazyTest, KeepOnMainLoadsOnTheMainThreadWithoutDeadlock) {
     for (int round = 0; round < 20; ++round) {
-        std::atomic<int> loads = 0;
-        std::atomic<int> offMainLoads = 0;
+        std::atomic<int> loads = 0, offMainLoads = 0;
         Lazy<int> lazy(LazyOptions::keepOnMain, [&] {
             ++loads;
             offMainLoads += kel::isMainThread() ? 0 : 1;
@@ -150,6 +146,7 @@ TEST(LazyDeathTest, LoadBlockReadingItsOwnLazyStops) {
 }
 
 enum class AppEvent { launched, active };
+using AppLazy = kel::EventLoadedLazy<int, AppEvent>;
 
 // The lazy loads when its event fires, or at once when it already has (the trigger is eager),
 // and only once; a failing event-driven load stays inside the trigger; a lazy that is gone
@@ -157,7 +154,7 @@ enum class AppEvent { launched, active };
 TEST(EventLoadedLazyTest, LoadsWhenItsEventFires) {
     kel::EventManager<AppEvent> events;
     int loads = 0;
-    auto settings = EventLoadedLazy<int, AppEvent>::make(events, AppEvent::active, {}, [&] {
+    auto settings = AppLazy::make(events, AppEvent::active, {}, [&] {
         ++loads;
         return 42;
     });
@@ -168,13 +165,13 @@ TEST(EventLoadedLazyTest, LoadsWhenItsEventFires) {
     EXPECT_EQ(settings->loadedValue(), 42);
     EXPECT_EQ(loads, 1);
 
-    auto eager = EventLoadedLazy<int, AppEvent>::make(
-        events, {AppEvent::launched, AppEvent::active}, {}, [] { return 1; });
+    auto eager =
+        AppLazy::make(events, {AppEvent::launched, AppEvent::active}, {}, [] { return 1; });
     EXPECT_EQ(eager->loadedValue(), 1);
 
     int failingAttempts = 0;
     kel::EventManager<AppEvent> fresh;
-    auto failing = EventLoadedLazy<int, AppEvent>::make(fresh, AppEvent::active, {}, [&]() -> int {
+    auto failing = AppLazy::make(fresh, AppEvent::active, {}, [&]() -> int {
         if (failingAttempts++ == 0) {
             throw std::runtime_error("not yet");
         }
@@ -185,9 +182,7 @@ TEST(EventLoadedLazyTest, LoadsWhenItsEventFires) {
     EXPECT_EQ(failing->value(), 2);
 
     int goneLoads = 0;
-    auto gone = EventLoadedLazy<int, AppEvent>::make(fresh, AppEvent::launched, {},
-                                                     [&] { return ++goneLoads; });
-    gone.reset();
+    AppLazy::make(fresh, AppEvent::launched, {}, [&] { return ++goneLoads; }).reset();
     fresh.fire(AppEvent::launched);
     EXPECT_EQ(goneLoads, 0);
 }

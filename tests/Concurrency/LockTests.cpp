@@ -68,35 +68,16 @@ TEST(UnfairLockOptions, OptionWordLooksOnlyAtBitZero) {
     EXPECT_EQ(UnfairLock(Options(-2)).optionWord(), 0u);
 }
 
-}  // namespace
-
-namespace kel {
-namespace {
-
 // Misuse stops the process with a message instead of hanging or corrupting the lock.
 TEST(UnfairLockDeathTest, RelockingOnTheOwningThreadOrUnlockingFromAnotherStops) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            UnfairLock lock(UnfairLock::Options{});
-            lock.lock();
-            lock.lock();
-        },
-        "UnfairLock locked twice by the same thread");
-    EXPECT_DEATH(
-        {
-            UnfairLock lock(UnfairLock::Options{});
-            lock.lock();
-            std::thread([&] { lock.unlock(); }).join();
-        },
-        "UnfairLock unlocked by a thread that does not hold it");
-    EXPECT_DEATH(
-        {
-            UnfairLock lock(UnfairLock::Options{});
-            lock.unlock();
-        },
-        "UnfairLock unlocked by a thread that does not hold it");
+    const char* notHeld = "UnfairLock unlocked by a thread that does not hold it";
+    UnfairLock lock(UnfairLock::Options{});
+    EXPECT_DEATH(lock.unlock(), notHeld);
+    lock.lock();
+    EXPECT_DEATH(lock.lock(), "UnfairLock locked twice by the same thread");
+    EXPECT_DEATH(std::thread([&] { lock.unlock(); }).join(), notHeld);
+    lock.unlock();
 }
 
 }  // namespace
-}  // namespace kel

@@ -23,8 +23,7 @@ struct Tracked {
 TEST(ObjectAssociationTest, ValuesPerObjectAndPerAssociation) {
     ObjectAssociation<std::string> title(AssociationPolicy::strong);
     ObjectAssociation<std::string> subtitle(AssociationPolicy::copy);
-    auto first = std::make_shared<View>();
-    auto second = std::make_shared<View>();
+    auto first = std::make_shared<View>(), second = std::make_shared<View>();
 
     title.set(*first, "Inbox");
     EXPECT_EQ(subtitle.get(*first), std::nullopt);

@@ -101,12 +101,13 @@ TEST(TaskSchedulerQueues, AreNamedAndLimitedAfterTheScheduler) {
     kel::TaskScheduler scheduler("x");
     const kel::DispatchQueue& dispatch = scheduler.concurrentDispatchQueue();
     EXPECT_EQ(dispatch.label(), "x.TaskScheduler.concurrentDQ");
-    const kel::OperationQueue& concurrent = *scheduler.concurrentOperationQueue();
+    const kel::OperationQueue &concurrent = *scheduler.concurrentOperationQueue(),
+                              &serial = *scheduler.serialOperationQueue();
     EXPECT_EQ(concurrent.name(), "x.TaskScheduler.concurrentOQ");
     EXPECT_EQ(concurrent.maxConcurrentOperationCount(), -1);
     EXPECT_EQ(concurrent.underlyingQueue(), dispatch);
-    EXPECT_EQ(scheduler.serialOperationQueue()->name(), "x.TaskScheduler.serialOQ");
-    EXPECT_EQ(scheduler.serialOperationQueue()->maxConcurrentOperationCount(), 1);
+    EXPECT_EQ(serial.name(), "x.TaskScheduler.serialOQ");
+    EXPECT_EQ(serial.maxConcurrentOperationCount(), 1);
 }
 
 // A block and an operation each wait for the delayed block, so they can only finish if all
@@ -151,8 +152,7 @@ TEST(TaskSchedulerLowPriority, RunsOneItemAtATimeInSubmissionOrder) {
 
 TEST(TaskSchedulerLowPriority, AnOperationCompletingOnAnotherThreadFreesTheSlot) {
     kel::TaskScheduler scheduler("async.serial");
-    auto first = std::make_shared<ManualOperation>();
-    auto second = std::make_shared<ManualOperation>();
+    auto first = std::make_shared<ManualOperation>(), second = std::make_shared<ManualOperation>();
     std::atomic<bool> firstFinishedBeforeNext = false;
     scheduler.scheduleLowPriority(first);
     scheduler.scheduleLowPriority(
@@ -193,17 +193,16 @@ TEST(TaskSchedulerShared, ClassWideFormsActOnTheSharedScheduler) {
     const kel::TaskScheduler& shared = kel::TaskScheduler::shared();
     std::atomic<int> onSharedQueues = 0;
     kel::DispatchGroup ran;
-    auto count = [&](const kel::DispatchQueue& expected) {
+    auto onConcurrent = [&] {
         ran.enter();
-        return [&, expected] {
-            onSharedQueues += expected.isCurrent();
+        return [&] {
+            onSharedQueues += shared.concurrentDispatchQueue().isCurrent();
             ran.leave();
         };
     };
-    kel::TaskScheduler::sharedSchedule(count(shared.concurrentDispatchQueue()));
-    kel::TaskScheduler::sharedSchedule(
-        kel::BlockOperation::make(count(shared.concurrentDispatchQueue())));
-    kel::TaskScheduler::sharedScheduleAfter(0.01, count(shared.concurrentDispatchQueue()));
+    kel::TaskScheduler::sharedSchedule(onConcurrent());
+    kel::TaskScheduler::sharedSchedule(kel::BlockOperation::make(onConcurrent()));
+    kel::TaskScheduler::sharedScheduleAfter(0.01, onConcurrent());
     std::atomic<bool> serialRan = false;
     ran.enter();
     kel::TaskScheduler::sharedScheduleLowPriority([&] {

@@ -29,7 +29,10 @@ const T& settledValue(const Promise<T>& promise) {
     return promise.value();
 }
 
-// A pending Promise<Box> fulfilled later from `queue`.
+// A Promise<Box> fulfilled now, and one fulfilled later from `queue`.
+Promise<Box> boxNow(int value) {
+    return Promise<Box>::fulfilled(std::make_unique<int>(value));
+}
 Promise<Box> boxLater(const DispatchQueue& queue, int value) {
     return Promise<Box>([&queue, value](auto fulfil, auto) {
         queue.async([fulfil, value] { fulfil(std::make_unique<int>(value)); });
@@ -57,10 +60,7 @@ struct Counted {
 
 TEST(MoveOnlyValue, SettledByEveryKindOfSettlerAndReadByConstReference) {
     auto global = DispatchQueue::global();
-    auto fromFulfilled =
-        Promise<Box>::fulfilled(std::make_unique<int>(1)).then(zalgo(), [](const Box& b) {
-            return *b + 1;
-        });
+    auto fromFulfilled = boxNow(1).then(zalgo(), [](const Box& b) { return *b + 1; });
     EXPECT_EQ(settledValue(fromFulfilled), 2);
 
     auto fromBody = boxLater(global, 3).then(
@@ -88,8 +88,7 @@ TEST(MoveOnlyValue, FlatteningThenAndFirstlyHandTheInnerValueOn) {
     EXPECT_EQ(*settledValue(pendingInner), 3);
     EXPECT_EQ(*settledValue(derivedInner), 4);
 
-    auto firstSettled =
-        firstly(global, [] { return Promise<Box>::fulfilled(std::make_unique<int>(5)); });
+    auto firstSettled = firstly(global, [] { return boxNow(5); });
     auto firstPending = firstly(global, [global] { return boxLater(global, 6); });
     EXPECT_EQ(*settledValue(firstSettled), 5);
     EXPECT_EQ(*settledValue(firstPending), 6);
@@ -103,23 +102,20 @@ TEST(MoveOnlyValue, RaceAllAndWhenMoveEachInputTheyAreTheLastReaderOfAndPassShar
                boxLater(global, 1)));
     EXPECT_EQ(*settledValue(raced), 1);
 
-    auto all = Promise<Box>::all(
-        listOf(Promise<Box>::fulfilled(std::make_unique<int>(2)), boxLater(global, 3)));
+    auto all = Promise<Box>::all(listOf(boxNow(2), boxLater(global, 3)));
     const auto& allValues = settledValue(all);
     ASSERT_EQ(allValues.size(), 2U);
     EXPECT_EQ(*allValues[0] + *allValues[1], 5);
 
-    auto list = when(
-        global, listOf(boxLater(global, 4), Promise<Box>::fulfilled(std::make_unique<int>(5))));
+    auto list = when(global, listOf(boxLater(global, 4), boxNow(5)));
     const auto& listValues = settledValue(list);
     ASSERT_EQ(listValues.size(), 2U);
     EXPECT_EQ(*listValues[0] * 10 + *listValues[1], 45);
 
-    auto pair =
-        when(global, boxLater(global, 6), Promise<Box>::fulfilled(std::make_unique<int>(7)));
+    auto pair = when(global, boxLater(global, 6), boxNow(7));
     EXPECT_EQ(*std::get<1>(settledValue(pair)), 7);
-    auto triple = when(global, boxLater(global, 8), Promise<std::string>::fulfilled("x"),
-                       Promise<Box>::fulfilled(std::make_unique<int>(9)));
+    auto triple =
+        when(global, boxLater(global, 8), Promise<std::string>::fulfilled("x"), boxNow(9));
     EXPECT_EQ(*std::get<0>(settledValue(triple)) + *std::get<2>(settledValue(triple)), 17);
 
     // A rejection carries no value: a shared move-only input may still fail a join.
@@ -131,7 +127,7 @@ TEST(MoveOnlyValue, RaceAllAndWhenMoveEachInputTheyAreTheLastReaderOfAndPassShar
 TEST(MoveOnlyValueDeathTest, HandingOnAValueOthersCanStillReadStopsTheProcess) {
     EXPECT_DEATH(
         {
-            auto shared = Promise<Box>::fulfilled(std::make_unique<int>(1));
+            auto shared = boxNow(1);
             auto flattened =
                 Promise<int>::fulfilled(0).then(zalgo(), [shared](int) { return shared; });
         },

@@ -49,8 +49,7 @@ TEST(PromiseDeadlock, AllOverADerivedInputListedBeforeItsSource) {
 TEST(PromiseDeadlock, TwoAllsInOppositeOrdersSettledOnTwoThreads) {
     EXPECT_TRUE(finishesWithin("all({a, b}) and all({b, a})", [] {
         for (int round = 0; round < kRounds; ++round) {
-            DeferredPromise<int> a;
-            DeferredPromise<int> b;
+            DeferredPromise<int> a, b;
             auto ab = Promise<int>::all({a.promise, b.promise});
             auto ba = Promise<int>::all({b.promise, a.promise});
             atOnce([&] { a.resolve(1); }, [&] { b.resolve(2); });
@@ -105,11 +104,13 @@ TEST(PromiseDeadlock, DeduperCreateBlockSettlesAnotherKeysPromise) {
     }));
 }
 
-TEST(PromiseDeadlock, DeduperCreateBlockChainsOntoAPromiseAnotherThreadSettles) {
-    EXPECT_TRUE(finishesWithin("createBlock chaining onto a settling promise", [] {
+// Callers of one deduper racing a settlement, and racing each other for one key.
+TEST(PromiseDeadlock, DeduperCallersRaceASettlementAndEachOther) {
+    EXPECT_TRUE(finishesWithin("deduper callers racing", [] {
         for (int round = 0; round < kRounds; ++round) {
             PromiseDeduper<int, int> deduper;
-            DeferredPromise<int> first;
+            DeferredPromise<int> first, work;
+            // A createBlock chains onto a promise another thread settles.
             deduper.promise(1, [&] { return first.promise; });
             Promise<int> chained = Promise<int>::fulfilled(0);
             atOnce([&] { first.resolve(5); },
@@ -118,27 +119,19 @@ TEST(PromiseDeadlock, DeduperCreateBlockChainsOntoAPromiseAnotherThreadSettles) 
                            return first.promise.then(zalgo(), [](int v) { return v + 1; });
                        });
                    });
-            ASSERT_EQ(await(chained).value(), 6);
-        }
-    }));
-}
+            ASSERT_EQ(await(chained).value(), 6) << "createBlock chaining onto a settling promise";
 
-TEST(PromiseDeadlock, ConcurrentCallersOfOneKeyShareOneCreateBlock) {
-    EXPECT_TRUE(finishesWithin("same-key callers", [] {
-        for (int round = 0; round < kRounds; ++round) {
-            PromiseDeduper<int, int> deduper;
-            DeferredPromise<int> work;
+            // Two callers of one key at once share one createBlock.
             std::atomic<int> created{0};
             auto create = [&] {
                 ++created;
                 return work.promise;
             };
-            Promise<int> a = Promise<int>::fulfilled(0);
-            Promise<int> b = Promise<int>::fulfilled(0);
+            Promise<int> a = Promise<int>::fulfilled(0), b = Promise<int>::fulfilled(0);
             atOnce([&] { a = deduper.promise(7, create); },
                    [&] { b = deduper.promise(7, create); });
-            ASSERT_EQ(created.load(), 1);
-            ASSERT_TRUE(a == b);
+            ASSERT_EQ(created.load(), 1) << "same-key callers";
+            ASSERT_TRUE(a == b) << "same-key callers";
             work.resolve(1);
         }
     }));

@@ -46,14 +46,11 @@ TEST(PromiseSettlement, FirstSettlementWinsAndACompletionMayBeCalledLater) {
 }
 
 TEST(PromiseSettlement, ExactlyOnceUnderConcurrentSettleAndRegister) {
-    constexpr int kSettlers = 3;
-    constexpr int kRegistrars = 3;
-    constexpr int kHandlersPerRegistrar = 20;
+    constexpr int kSettlers = 3, kRegistrars = 3, kHandlersPerRegistrar = 20;
     for (int iteration = 0; iteration < 300; ++iteration) {
         Pending<int> pending;
         Promise<int>& promise = pending.promise;
-        std::atomic<int> calls{0};
-        std::atomic<int> outcomes{0};  // bit set of the outcomes the handlers saw
+        std::atomic<int> calls{0}, outcomes{0};  // outcomes: bit set of what the handlers saw
         std::latch start(kSettlers + kRegistrars);
         std::vector<std::jthread> threads;
         for (int s = 0; s < kSettlers; ++s) {
@@ -112,9 +109,8 @@ TEST(PromiseSettlement, KeptSettleCallablesOutliveTheConstructorAndThePromise) {
 // Promises made on one thread, settled and dropped on others, by threads that come and go: the
 // storage of a promise may be taken on one thread and given back on another.
 TEST(PromiseSettlement, PromisesCrossThreadsThatComeAndGo) {
-    constexpr int kRounds = 20;
     constexpr int kPromises = 200;
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < 20; ++round) {
         std::vector<Promise<int>::Fulfill> fulfills;
         std::vector<Promise<std::string>> results;
         std::thread([&] {
@@ -223,8 +219,7 @@ TEST(PromiseErrors, RejectionAndCancellationTravelDownTheChainOnEachThensQueue) 
 
     Pending<int> cancelling;
     std::atomic<int> errorCalls{0};
-    std::atomic<bool> cancelledOnQueue{false};
-    std::atomic<bool> alwaysRan{false};
+    std::atomic<bool> cancelledOnQueue{false}, alwaysRan{false};
     auto cancelled = cancelling.promise.then(queue, [&](int v) { return v + ++thenCalls; })
                          .error(zalgo(), [&](const Error&) { ++errorCalls; })
                          .cancelled(zalgo(), [&] { cancelledOnQueue = queue.isCurrent(); })
@@ -281,11 +276,9 @@ TEST(PromiseOwner, VanishedOwnerAbandonsThenSkipsErrorAndAlwaysAndForwardsReject
         Promise<int>::fulfilled(1).then(zalgo(), owner, [](int v, Owner& o) { return v + o.base; });
     EXPECT_EQ(live.resolution()->value(), 11);
 
-    Pending<int> fulfilling;
+    Pending<int> fulfilling, failing;
     bool called = false;
     auto derived = fulfilling.promise.then(zalgo(), owner, [&](int, Owner&) { called = true; });
-
-    Pending<int> failing;
     auto forwarded = failing.promise.then(zalgo(), owner, [&](int, Owner&) { called = true; });
     failing.promise.error(zalgo(), owner, [&](const Error&, Owner&) { called = true; })
         .always(zalgo(), owner, [&](Owner&) { called = true; });
