@@ -179,12 +179,12 @@ TEST_F(NetworkOperationRetry, ATimeOutIsRetriedOnceAfterTheDelayWithTheLongerTim
     EXPECT_EQ(kel::URLError::code(result.error()), kel::URLError::timedOut);
     EXPECT_EQ(stalled.requests(), 2) << "one retry, no third attempt";
     EXPECT_EQ(reads, 2);
+    // The processors run in order on each attempt; the operation's time-out overrides theirs.
     auto requests = session->requests();
     ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].timeoutInterval(), 0.3);
-    EXPECT_EQ(requests[1].timeoutInterval(), 0.4);
-    for (const auto& request : requests) {
-        EXPECT_EQ(request.valueForHTTPHeaderField("X-Order"), "A,B");
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(requests[i].timeoutInterval(), i == 0 ? 0.3 : 0.4) << "attempt " << i;
+        EXPECT_EQ(requests[i].valueForHTTPHeaderField("X-Order"), "A,B") << "attempt " << i;
     }
     std::string issue = "Network operation ID will issue request to URL: " + stalled.url("/slow?");
     std::string failure = "Network operation ID failed with error: The request timed out.";
@@ -244,10 +244,11 @@ TEST_F(NetworkOperationResponses, StatusCodesOnlyMatterWithoutABody) {
 }
 
 TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndIsLogged) {
-    std::string bodies[] = {std::string("not \"json\"\n"), std::string("\xff\xfe", 2)};
-    std::string shown[] = {R"(Optional("not \"json\"\n"))", "nil"};
-    for (int i = 0; i < 2; ++i) {
-        FaultServer server([](int) { return FaultServer::Action::respond; }, bodies[i]);
+    // A text body is shown quoted; one that is not UTF-8 as nil.
+    const std::pair<std::string, std::string> cases[] = {
+        {"not \"json\"\n", R"(Optional("not \"json\"\n"))"}, {std::string("\xff\xfe", 2), "nil"}};
+    for (const auto& [body, shown] : cases) {
+        FaultServer server([](int) { return FaultServer::Action::respond; }, body);
         auto operation = plain(server.url("/"));
         auto result = run(operation);
         ASSERT_FALSE(result.isSuccess());
@@ -255,7 +256,7 @@ TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndI
         EXPECT_EQ(lines(*operation).back(),
                   (Line{LogLevel::error,
                         "Network operation ID failed to parse response with error: " +
-                            kel::errorDescription(result.error()) + ", response=" + shown[i]}));
+                            kel::errorDescription(result.error()) + ", response=" + shown}));
     }
 }
 
