@@ -221,11 +221,7 @@ TEST(URLSessionLoading, ManyConcurrentTasksEachCompleteOnce) {
 }
 
 TEST(URLSessionLifetime, HandlersRunOnTheGivenQueueAndMayReleaseTheirSession) {
-    HTTPServer http;
-    http.server().Get("/", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content("ok", "text/plain");
-    });
-    http.start();
+    FaultServer http([](int) { return FaultServer::Action::respond; });
     kel::DispatchQueue delegateQueue("test.delegate");
     auto queued = kel::URLSession::make(kel::URLSessionConfiguration::defaultSessionConfiguration(),
                                         delegateQueue);
