@@ -98,11 +98,9 @@ struct LockProbe {
     }
 };
 
-struct LockProbeHash {
-    std::size_t operator()(const LockProbe& probe) const {
-        return std::hash<std::string>()(probe.text);
-    }
-};
+using LockProbeHash = decltype([](const LockProbe& probe) {
+    return std::hash<std::string>()(probe.text);
+});
 
 TEST(CacheConcurrency, NoKeyOrValueIsCopiedOrDestroyedUnderTheLock) {
     using ProbeCache = kel::Cache<LockProbe, LockProbe, LockProbeHash>;

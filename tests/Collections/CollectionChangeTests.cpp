@@ -125,26 +125,33 @@ std::size_t expectSameAsLiteral(const Strings& start, std::vector<Change> change
     return applied;
 }
 
+// `count` random changes: additions of `added()`, removals and reorderings (to `target()`) of
+// `existing()`.
+template <class Added, class Existing, class Target>
+std::vector<Change> randomChanges(std::mt19937& random, int count, Added added, Existing existing,
+                                  Target target) {
+    std::vector<Change> changes;
+    for (; count > 0; --count) {
+        const auto kind = random() % 3;
+        std::string element = kind == 0 ? added() : existing();
+        changes.push_back(kind == 0   ? Change::adding(std::move(element))
+                          : kind == 1 ? Change::removing(std::move(element))
+                                      : Change::reordering(std::move(element), target()));
+    }
+    return changes;
+}
+
 TEST(ApplyChanges, LongChangeListsMatchTheRuleAppliedLiterally) {
     std::mt19937 random(7);
     Strings start;
     for (int i = 0; i < 300; ++i) {
         start.push_back("s" + std::to_string(i));
     }
-    std::vector<Change> changes;
-    for (int i = 0; i < 3000; ++i) {
-        std::string existing = "s" + std::to_string(random() % 300);
-        switch (random() % 3) {
-            case 0:
-                changes.push_back(Change::adding("n" + std::to_string(i)));
-                break;
-            case 1:
-                changes.push_back(Change::removing(existing));
-                break;
-            default:
-                changes.push_back(Change::reordering(existing, static_cast<int>(random() % 40)));
-        }
-    }
+    int fresh = 0;
+    const auto changes = randomChanges(
+        random, 3000, [&] { return "n" + std::to_string(fresh++); },
+        [&] { return "s" + std::to_string(random() % 300); },
+        [&] { return static_cast<int>(random() % 40); });
     EXPECT_EQ(expectSameAsLiteral(start, changes, true), changes.size());
 }
 
@@ -157,6 +164,7 @@ TEST(ApplyChanges, ShortRandomChangeListsMatchTheRuleAppliedLiterally) {
         return std::uniform_int_distribution<int>(low, high)(random);
     };
     const Strings pool{"a", "b", "c", "d", "e", "f"};
+    const auto anyElement = [&] { return pool[static_cast<std::size_t>(pick(0, 5))]; };
     for (int round = 0; round < 4000; ++round) {
         const bool unique = round % 2 == 1;
         Strings start = pool;
@@ -167,20 +175,8 @@ TEST(ApplyChanges, ShortRandomChangeListsMatchTheRuleAppliedLiterally) {
                 element = pool[static_cast<std::size_t>(pick(0, 3))];
             }
         }
-        std::vector<Change> changes;
-        for (int count = pick(0, 12); count > 0; --count) {
-            const std::string& element = pool[static_cast<std::size_t>(pick(0, 5))];
-            switch (pick(0, 2)) {
-                case 0:
-                    changes.push_back(Change::adding(element));
-                    break;
-                case 1:
-                    changes.push_back(Change::removing(element));
-                    break;
-                default:
-                    changes.push_back(Change::reordering(element, pick(-1, 7)));
-            }
-        }
+        const auto changes =
+            randomChanges(random, pick(0, 12), anyElement, anyElement, [&] { return pick(-1, 7); });
         SCOPED_TRACE(::testing::Message() << "round " << round);
         expectSameAsLiteral(start, changes, unique);
         ASSERT_FALSE(HasFailure());

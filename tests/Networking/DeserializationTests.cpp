@@ -21,8 +21,6 @@ struct Quote {
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Quote, text, year)
 
-static_assert(kel::DeserializerType<kel::JSONDeserializer<Quote>>);
-
 struct Fixture {
     std::string path;
     std::string filePath() const { return path; }

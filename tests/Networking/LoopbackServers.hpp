@@ -61,8 +61,6 @@ class HTTPServer {
             thread_.join();
         }
     }
-    HTTPServer(const HTTPServer&) = delete;
-    HTTPServer& operator=(const HTTPServer&) = delete;
 
     httplib::Server& server() { return server_; }
 
@@ -103,8 +101,6 @@ class FaultServer {
         ::close(wake_[0]);
         ::close(wake_[1]);
     }
-    FaultServer(const FaultServer&) = delete;
-    FaultServer& operator=(const FaultServer&) = delete;
 
     std::string url(const std::string& path) const { return loopbackURL(port_, path); }
     int requests() const { return requests_.load(); }

@@ -21,6 +21,14 @@ using nlohmann::json;
 using Operation = kel::NetworkOperation<kel::JSONDeserializer<json>>;
 using Line = std::pair<LogLevel, std::string>;
 
+// An expected log line of the operation, whose identifier the fixture shows as "ID".
+Line info(const std::string& rest) {
+    return {LogLevel::default_, "Network operation ID " + rest};
+}
+Line failure(const std::string& rest) {
+    return {LogLevel::error, "Network operation ID " + rest};
+}
+
 // Short waits so that the retry tests take a fraction of a second; tests that expect no retry
 // keep long time-outs, so that a slow machine (or a sanitizer) cannot cause one.
 constexpr kel::NetworkOperationTimeouts shortTimeouts{0.3, 0.4, 0.05};
@@ -131,20 +139,16 @@ TEST_F(NetworkOperationRequests, ReplacesTheQueryAddsHeadersAndLogsEachStep) {
     auto size = std::to_string(result.value().dump().size());
     EXPECT_EQ(
         lines(*operation),
-        (std::vector<Line>{{LogLevel::default_, "Network operation ID started"},
-                           {LogLevel::default_, "Network operation ID will issue request to URL: " +
-                                                    http.url("/feed?page=2&q=a%20b")},
-                           {LogLevel::default_,
-                            "Network operation ID received response (size=" + size + " bytes)"},
-                           {LogLevel::default_, "Network operation ID succeeded"}}));
+        (std::vector<Line>{
+            info("started"), info("will issue request to URL: " + http.url("/feed?page=2&q=a%20b")),
+            info("received response (size=" + size + " bytes)"), info("succeeded")}));
 
     // An empty parameter list leaves an empty query, not the endpoint's.
     auto bare = plain(http.url("/feed?old=1"), session);
     auto bareResult = run(bare);
     ASSERT_TRUE(bareResult.isSuccess());
     EXPECT_EQ(bareResult.value()["query"], 0);
-    EXPECT_EQ(lines(*bare).at(1).second,
-              "Network operation ID will issue request to URL: " + http.url("/feed?"));
+    EXPECT_EQ(lines(*bare).at(1), info("will issue request to URL: " + http.url("/feed?")));
 }
 
 TEST_F(NetworkOperationRequests, AMalformedEndpointFailsWithoutARequest) {
@@ -153,11 +157,10 @@ TEST_F(NetworkOperationRequests, AMalformedEndpointFailsWithoutARequest) {
     ASSERT_FALSE(result.isSuccess());
     EXPECT_EQ(kel::errorAs<kel::NetworkOperationError>(result.error()),
               kel::NetworkOperationError::malformedURL);
-    EXPECT_EQ(lines(*operation),
-              (std::vector<Line>{{LogLevel::default_, "Network operation ID started"},
-                                 {LogLevel::error,
-                                  "Network operation ID failed to generate URL request with "
-                                  "error: malformedURL"}}));
+    EXPECT_EQ(
+        lines(*operation),
+        (std::vector<Line>{info("started"),
+                           failure("failed to generate URL request with error: malformedURL")}));
 }
 
 TEST_F(NetworkOperationRetry, ATimeOutIsRetriedOnceAfterTheDelayWithTheLongerTimeOut) {
@@ -179,24 +182,19 @@ TEST_F(NetworkOperationRetry, ATimeOutIsRetriedOnceAfterTheDelayWithTheLongerTim
     EXPECT_EQ(kel::URLError::code(result.error()), kel::URLError::timedOut);
     EXPECT_EQ(stalled.requests(), 2) << "one retry, no third attempt";
     EXPECT_EQ(reads, 2);
+    // The processors run in order on each attempt; the operation's time-out overrides theirs.
     auto requests = session->requests();
     ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].timeoutInterval(), 0.3);
-    EXPECT_EQ(requests[1].timeoutInterval(), 0.4);
-    for (const auto& request : requests) {
-        EXPECT_EQ(request.valueForHTTPHeaderField("X-Order"), "A,B");
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(requests[i].timeoutInterval(), i == 0 ? 0.3 : 0.4) << "attempt " << i;
+        EXPECT_EQ(requests[i].valueForHTTPHeaderField("X-Order"), "A,B") << "attempt " << i;
     }
-    std::string issue = "Network operation ID will issue request to URL: " + stalled.url("/slow?");
-    std::string failure = "Network operation ID failed with error: The request timed out.";
+    Line issue = info("will issue request to URL: " + stalled.url("/slow?"));
+    Line timedOut = failure("failed with error: The request timed out.");
     EXPECT_EQ(lines(*operation),
-              (std::vector<Line>{
-                  {LogLevel::default_, "Network operation ID started"},
-                  {LogLevel::default_, issue},
-                  {LogLevel::error, failure},
-                  {LogLevel::default_,
-                   "Network operation ID will retry with longer timeout after delay: 0.050000"},
-                  {LogLevel::default_, issue},
-                  {LogLevel::error, failure}}));
+              (std::vector<Line>{info("started"), issue, timedOut,
+                                 info("will retry with longer timeout after delay: 0.050000"),
+                                 issue, timedOut}));
 }
 
 TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
@@ -210,9 +208,8 @@ TEST_F(NetworkOperationRetry, ALostConnectionIsRetriedAndOtherFailuresAreNot) {
     ASSERT_TRUE(result.isSuccess()) << kel::errorDescription(result.error());
     EXPECT_EQ(result.value(), (json{{"ok", true}}));
     EXPECT_EQ(flaky.requests(), 2);
-    EXPECT_EQ(lines(*recovered).at(2), (Line{LogLevel::error,
-                                             "Network operation ID failed with error: The network "
-                                             "connection was lost."}));
+    EXPECT_EQ(lines(*recovered).at(2),
+              failure("failed with error: The network connection was lost."));
 
     auto operation = plain(kel::test::refusedURL());
     auto failed = run(operation);
@@ -235,8 +232,7 @@ TEST_F(NetworkOperationResponses, StatusCodesOnlyMatterWithoutABody) {
     ASSERT_FALSE(result.isSuccess());
     EXPECT_EQ(kel::errorAs<kel::NetworkOperationError>(result.error()),
               kel::NetworkOperationError::http(404));
-    EXPECT_EQ(lines(*missing).back(),
-              (Line{LogLevel::error, "Network operation ID failed with HTTP status code: 404"}));
+    EXPECT_EQ(lines(*missing).back(), failure("failed with HTTP status code: 404"));
 
     auto broken = run(plain(http.url("/broken"), session));
     ASSERT_TRUE(broken.isSuccess());
@@ -244,18 +240,18 @@ TEST_F(NetworkOperationResponses, StatusCodesOnlyMatterWithoutABody) {
 }
 
 TEST_F(NetworkOperationResponses, AnUndecodableBodyFailsWithTheDecodersErrorAndIsLogged) {
-    std::string bodies[] = {std::string("not \"json\"\n"), std::string("\xff\xfe", 2)};
-    std::string shown[] = {R"(Optional("not \"json\"\n"))", "nil"};
-    for (int i = 0; i < 2; ++i) {
-        FaultServer server([](int) { return FaultServer::Action::respond; }, bodies[i]);
+    // A text body is shown quoted; one that is not UTF-8 as nil.
+    const std::pair<std::string, std::string> cases[] = {
+        {"not \"json\"\n", R"(Optional("not \"json\"\n"))"}, {std::string("\xff\xfe", 2), "nil"}};
+    for (const auto& [body, shown] : cases) {
+        FaultServer server([](int) { return FaultServer::Action::respond; }, body);
         auto operation = plain(server.url("/"));
         auto result = run(operation);
         ASSERT_FALSE(result.isSuccess());
         EXPECT_TRUE(kel::errorIs<json::parse_error>(result.error()));
         EXPECT_EQ(lines(*operation).back(),
-                  (Line{LogLevel::error,
-                        "Network operation ID failed to parse response with error: " +
-                            kel::errorDescription(result.error()) + ", response=" + shown[i]}));
+                  failure("failed to parse response with error: " +
+                          kel::errorDescription(result.error()) + ", response=" + shown));
     }
 }
 

@@ -121,17 +121,16 @@ TEST(URLSessionLoading, ReusesTheConnectionAndReportsTimings) {
 
     auto first = load(*session, request(http.url("/")));
     auto second = load(*session, request(http.url("/")));
-    ASSERT_NE(first.metrics, nullptr);
-    ASSERT_NE(second.metrics, nullptr);
     {
         std::lock_guard lock(portsMutex);
         ASSERT_EQ(remotePorts.size(), 2u);
         EXPECT_EQ(remotePorts[0], remotePorts[1]) << "both requests on one connection";
     }
-    EXPECT_FALSE(first.metrics->transactionMetrics.at(0).isReusedConnection);
-    EXPECT_TRUE(second.metrics->transactionMetrics.at(0).isReusedConnection);
-    for (const auto* metrics : {first.metrics.get(), second.metrics.get()}) {
+    for (const auto* loaded : {&first, &second}) {
+        const auto* metrics = loaded->metrics.get();
+        ASSERT_NE(metrics, nullptr);
         const auto& transaction = metrics->transactionMetrics.at(0);
+        EXPECT_EQ(transaction.isReusedConnection, loaded == &second) << "only the second reuses";
         ASSERT_TRUE(transaction.fetchStartDate && transaction.requestStartDate &&
                     transaction.responseStartDate);
         EXPECT_LE(metrics->taskInterval.start, *transaction.fetchStartDate);
@@ -161,17 +160,16 @@ TEST(URLSessionFailures, MapTransferFailuresToURLErrors) {
     auto slow = load(*session, request(trickle.url("/"), 0.4));
     EXPECT_FALSE(slow.error) << kel::errorDescription(slow.error);
     EXPECT_EQ(slow.body(), "abcd");
-    EXPECT_EQ(load(*session, request(cut.url("/"))).urlError(),
-              kel::URLError::networkConnectionLost);
-    EXPECT_EQ(load(*session, request(silent.url("/"))).urlError(),
-              kel::URLError::networkConnectionLost);
-    EXPECT_EQ(load(*session, request(kel::test::refusedURL())).urlError(),
-              kel::URLError::cannotConnectToHost);
     // The reserved top-level domain fails at once, whatever the machine's resolver would do.
-    EXPECT_EQ(load(*session, request("http://feed.example.invalid/")).urlError(),
-              kel::URLError::cannotFindHost);
-    EXPECT_EQ(load(*session, request("gopherx://127.0.0.1/")).urlError(),
-              kel::URLError::unsupportedURL);
+    const std::pair<std::string, long> failures[] = {
+        {cut.url("/"), kel::URLError::networkConnectionLost},
+        {silent.url("/"), kel::URLError::networkConnectionLost},
+        {kel::test::refusedURL(), kel::URLError::cannotConnectToHost},
+        {"http://feed.example.invalid/", kel::URLError::cannotFindHost},
+        {"gopherx://127.0.0.1/", kel::URLError::unsupportedURL}};
+    for (const auto& [url, code] : failures) {
+        EXPECT_EQ(load(*session, request(url)).urlError(), code) << url;
+    }
 }
 
 TEST(URLSessionCancellation, CompletesOnceAsCancelledWhenCancelledOrTornDown) {
@@ -223,11 +221,7 @@ TEST(URLSessionLoading, ManyConcurrentTasksEachCompleteOnce) {
 }
 
 TEST(URLSessionLifetime, HandlersRunOnTheGivenQueueAndMayReleaseTheirSession) {
-    HTTPServer http;
-    http.server().Get("/", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content("ok", "text/plain");
-    });
-    http.start();
+    FaultServer http([](int) { return FaultServer::Action::respond; });
     kel::DispatchQueue delegateQueue("test.delegate");
     auto queued = kel::URLSession::make(kel::URLSessionConfiguration::defaultSessionConfiguration(),
                                         delegateQueue);
