@@ -117,7 +117,7 @@ TEST(OperationLifecycle, RunsEveryBlockInOrderAndObserversHearExecutingThenFinis
                                         "isFinished=1", "completion", "isCancelled=1"}));
 }
 
-TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedRemovedOrCancelled) {
+TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedEvenConcurrentlyRemovedOrCancelled) {
     auto first = std::make_shared<Operation>();
     auto second = std::make_shared<Operation>();
     auto dependent = std::make_shared<Operation>();
@@ -146,11 +146,9 @@ TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedRemovedOrCancelle
     EXPECT_FALSE(ran);
     EXPECT_TRUE(cancelled->isFinished());
     EXPECT_EQ(completions, 1);
-}
 
-// A dependency added while the dependency finishes on another thread is counted exactly once,
-// whichever side sees the other first.
-TEST(OperationLifecycle, DependencyFinishingDuringAddDependencyIsNotMissed) {
+    // A dependency added while the dependency finishes on another thread is counted exactly
+    // once, whichever side sees the other first.
     for (int round = 0; round < 300; ++round) {
         auto dependency = std::make_shared<Operation>();
         auto dependent = std::make_shared<Operation>();
