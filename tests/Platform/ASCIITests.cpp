@@ -10,7 +10,7 @@ namespace {
 using kel::detail::MalformedEscape;
 using kel::detail::percentDecode;
 
-TEST(ASCIIPercentCoding, EscapesCutShortOrNotHexAreRejectedOrKeptWhole) {
+TEST(ASCIIPercentCoding, EscapesCutShortOrNotHexAreRejectedOrKeptWholeAndHighBytesRoundTrip) {
     EXPECT_EQ(percentDecode("a%41%7e%7E", MalformedEscape::reject), "aA~~");
     EXPECT_EQ(percentDecode("%00", MalformedEscape::reject), std::string(1, '\0'));
     for (const char* malformed : {"%", "%4", "a%4", "%G1", "%1G", "100%"}) {
@@ -19,9 +19,8 @@ TEST(ASCIIPercentCoding, EscapesCutShortOrNotHexAreRejectedOrKeptWhole) {
     }
     // A kept "%" does not swallow a valid escape right after it.
     EXPECT_EQ(percentDecode("%%41", MalformedEscape::keep), "%A");
-}
 
-TEST(ASCIIPercentCoding, BytesAboveSevenBitsEncodeAsTwoUpperCaseDigits) {
+    // Bytes above seven bits encode as two upper-case digits and decode back.
     std::string out;
     kel::detail::appendPercentEncoded(out, "a \xff\x80/", [](unsigned char byte) {
         return kel::detail::isAsciiLetter(static_cast<char>(byte));

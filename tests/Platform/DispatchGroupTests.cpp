@@ -56,7 +56,7 @@ TEST(DispatchGroupNotify, RunsExactlyOnceAfterTheLastLeaveFromManyThreads) {
     EXPECT_EQ(notifiedTooEarly.load(), 0);
 }
 
-TEST(DispatchGroupNotify, IsSubmittedToItsQueueOnceTheGroupIsEmpty) {
+TEST(DispatchGroupNotifyAndWait, NotifyIsSubmittedOnceEmptyAndWaitTimesOutWhileBusy) {
     DispatchGroup group;
     int notified = 0;  // touched only on the main thread
     group.notify(DispatchQueue::main(), [&] {
@@ -65,10 +65,8 @@ TEST(DispatchGroupNotify, IsSubmittedToItsQueueOnceTheGroupIsEmpty) {
     });
     EXPECT_EQ(notified, 0);  // an empty group submits the block, it does not call it inline
     EXPECT_TRUE(kel::test::pumpUntil([&] { return notified == 1; }));
-}
 
-TEST(DispatchGroupWait, TimesOutWhileBusyAndReturnsOnceEmpty) {
-    DispatchGroup group;
+    // wait times out while the group is busy and returns once it is empty.
     EXPECT_TRUE(group.wait(DispatchTime::now()));
     group.enter();
     EXPECT_FALSE(group.wait(DispatchTime::now() + 0.005));

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Dispatch/TimerThread.hpp"
@@ -27,6 +28,11 @@ void runOnTimerThread(const std::shared_ptr<QueueCore>&, Task work) {
 // A timer thread's thread is detached and outlives the test: the object is leaked on purpose.
 TimerThread& newTimerThread() {
     return *new TimerThread(runOnTimerThread);
+}
+
+// Schedules `work` with no queue: it runs on the timer thread.
+void at(TimerThread& timers, DispatchTime deadline, Task work) {
+    timers.schedule(deadline, std::move(work), nullptr);
 }
 
 struct FiredLog {
@@ -53,29 +59,24 @@ TEST(DispatchTimerThreadTests, FiresEarlierDeadlinesFirstAndEqualOnesInSchedulin
     // finds them all in its heap.
     auto entered = std::make_shared<std::latch>(1);
     auto release = std::make_shared<std::latch>(1);
-    timers.schedule(
-        DispatchTime::now() + 0.001,
-        [entered, release] {
-            entered->count_down();
-            release->wait();
-        },
-        nullptr);
+    at(timers, DispatchTime::now() + 0.001, [entered, release] {
+        entered->count_down();
+        release->wait();
+    });
     entered->wait();
     const DispatchTime base = DispatchTime::now() + 0.2;
     const std::vector<std::pair<double, int>> timersToSchedule = {
         {0.03, 9}, {0, 1}, {0.02, 8}, {0, 2}, {0, 3}, {0.01, 7}, {0, 4}, {0, 5}, {0, 6},
     };
     for (const auto& [offset, id] : timersToSchedule) {
-        timers.schedule(
-            base + offset, [log, id = id] { log->add(id); }, nullptr);
+        at(timers, base + offset, [log, id = id] { log->add(id); });
     }
     // Once all of them are due, one more with the earliest deadline: already passed, it still
     // takes its turn after the equal deadlines scheduled before it.
     while (DispatchTime::now() <= base + 0.03) {
         std::this_thread::sleep_for(5ms);
     }
-    timers.schedule(
-        base, [log] { log->add(10); }, nullptr);
+    at(timers, base, [log] { log->add(10); });
     release->count_down();
     ASSERT_TRUE(log->waitForCount(timersToSchedule.size() + 1));
     std::lock_guard lock(log->mutex);
@@ -85,14 +86,11 @@ TEST(DispatchTimerThreadTests, FiresEarlierDeadlinesFirstAndEqualOnesInSchedulin
 TEST(DispatchTimerThreadTests, NearerDeadlineWakesTheThreadWaitingForALaterOne) {
     TimerThread& timers = newTimerThread();
     auto log = std::make_shared<FiredLog>();
-    timers.schedule(
-        DispatchTime::now() + 3600.0, [] {}, nullptr);
+    at(timers, DispatchTime::now() + 3600.0, [] {});
     // Once this one has fired, the thread goes back to sleep until the far deadline.
-    timers.schedule(
-        DispatchTime::now() + 0.001, [log] { log->add(0); }, nullptr);
+    at(timers, DispatchTime::now() + 0.001, [log] { log->add(0); });
     ASSERT_TRUE(log->waitForCount(1));
-    timers.schedule(
-        DispatchTime::now() + 0.005, [log] { log->add(1); }, nullptr);
+    at(timers, DispatchTime::now() + 0.005, [log] { log->add(1); });
     EXPECT_TRUE(log->waitForCount(2)) << "the sleeping timer thread was not woken";
 }
 

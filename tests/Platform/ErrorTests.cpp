@@ -16,15 +16,14 @@ struct CustomError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-TEST(ErrorDescription, DescribesEveryKindOfThrownValue) {
+TEST(ErrorValues, DescribesEveryThrownValueAndMatchesByTypeIncludingBases) {
     EXPECT_EQ(kel::errorDescription(kel::makeError(std::runtime_error("boom"))), "boom");
     EXPECT_EQ(kel::errorDescription(std::make_exception_ptr(std::string("text"))), "text");
     EXPECT_EQ(kel::errorDescription(std::make_exception_ptr("literal")), "literal");
     EXPECT_EQ(kel::errorDescription(std::make_exception_ptr(7)), "unknown error");
     EXPECT_EQ(kel::errorDescription(kel::Error{}), "no error");
-}
 
-TEST(ErrorType, TestsAndExtractsByTypeIncludingBases) {
+    // Tests and extractions by type include base classes.
     kel::Error error = kel::makeError(CustomError("custom"));
     EXPECT_TRUE(kel::errorIs<CustomError>(error));
     EXPECT_TRUE(kel::errorIs<std::runtime_error>(error));

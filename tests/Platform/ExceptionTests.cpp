@@ -8,7 +8,7 @@ namespace {
 
 const kel::DomainError untouched("untouched", 99);
 
-TEST(ExceptionBridge, ARaisedExceptionBecomesADomainErrorWithItsReasonOrUnknown) {
+TEST(ExceptionBridge, ARaisedExceptionBecomesADomainErrorAndOtherExceptionsPassThrough) {
     kel::DomainError error = untouched;
     int calls = 0;
     EXPECT_TRUE(kel::Exception::kf_tryCatch([&] { ++calls; }, &error));
@@ -27,10 +27,9 @@ TEST(ExceptionBridge, ARaisedExceptionBecomesADomainErrorWithItsReasonOrUnknown)
     EXPECT_FALSE(kel::Exception::kf_tryCatch([] { throw RangeException(); }, &error));
     EXPECT_EQ(error, kel::DomainError("NSRangeException", 0, {{"reason", "unknown"}}));
     EXPECT_FALSE(kel::Exception::kf_tryCatch([] { throw RangeException(); }, nullptr));
-}
 
-TEST(ExceptionBridge, OtherExceptionsPassThroughUnchanged) {
-    kel::DomainError error = untouched;
+    // Other exceptions pass through unchanged and leave the error alone.
+    error = untouched;
     EXPECT_THROW(kel::Exception::kf_tryCatch([] { throw std::logic_error("other"); }, &error),
                  std::logic_error);
     EXPECT_THROW(kel::Exception::kf_tryCatch([] { throw untouched; }, &error), kel::DomainError);

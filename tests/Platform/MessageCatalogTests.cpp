@@ -105,7 +105,7 @@ TEST_F(MessageCatalogFiles, RejectsFilesThatAreNotCatalogues) {
 // Odd rules never crash and never pick a form the entry lacks. A chain of binary operators is
 // as deep as it is long for the evaluator: a hostile rule of 200,000 terms, like one that does
 // not parse, falls back to the English rule instead of exhausting the stack.
-TEST(MessageCatalogBytes, PluralRulesOfOtherLanguagesAndOddRules) {
+TEST(MessageCatalogBytes, PluralRulesOfOtherLanguagesOddRulesAndCPrecedence) {
     // Polish: one, few (2-4 except 12-14), many.
     Catalogue polish = withRule(
         "nplurals=3; plural=(n==1 ? 0 : n%10>=2 && n%10<=4 && (n%100<10 || n%100>=20) ? 1 : 2);");
@@ -135,11 +135,9 @@ TEST(MessageCatalogBytes, PluralRulesOfOtherLanguagesAndOddRules) {
         EXPECT_EQ(catalogue->pluralTranslation("a", 1), "one");
         EXPECT_EQ(catalogue->pluralTranslation("a", 7), "other");
     }
-}
 
-// Each expression tells the C grouping apart from a wrong one (what the wrong grouping gives is
-// in the comment).
-TEST(MessageCatalogBytes, PluralOperatorsFollowCPrecedenceAndAssociativity) {
+    // Operators follow C precedence and associativity: each expression tells the C grouping
+    // apart from a wrong one (what the wrong grouping gives is in the comment).
     const std::pair<const char*, unsigned long> cases[] = {
         {"20/2/5", 2},                 // 20/(2/5) = 0
         {"n-2-1", 2},                  // n-(2-1) = 4

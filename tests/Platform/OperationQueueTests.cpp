@@ -117,7 +117,7 @@ TEST(OperationLifecycle, RunsEveryBlockInOrderAndObserversHearExecutingThenFinis
                                         "isFinished=1", "completion", "isCancelled=1"}));
 }
 
-TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedRemovedOrCancelled) {
+TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedEvenConcurrentlyRemovedOrCancelled) {
     auto first = std::make_shared<Operation>();
     auto second = std::make_shared<Operation>();
     auto dependent = std::make_shared<Operation>();
@@ -146,11 +146,9 @@ TEST(OperationLifecycle, DependenciesGateReadinessUntilFinishedRemovedOrCancelle
     EXPECT_FALSE(ran);
     EXPECT_TRUE(cancelled->isFinished());
     EXPECT_EQ(completions, 1);
-}
 
-// A dependency added while the dependency finishes on another thread is counted exactly once,
-// whichever side sees the other first.
-TEST(OperationLifecycle, DependencyFinishingDuringAddDependencyIsNotMissed) {
+    // A dependency added while the dependency finishes on another thread is counted exactly
+    // once, whichever side sees the other first.
     for (int round = 0; round < 300; ++round) {
         auto dependency = std::make_shared<Operation>();
         auto dependent = std::make_shared<Operation>();
@@ -201,7 +199,7 @@ TEST(OperationQueueLimits, RunsUpToTheLimitAtOnceAndNoMore) {
     }
 }
 
-TEST(OperationQueueLimits, AsynchronousOperationsHoldTheirSlotUntilTheyFinishElsewhere) {
+TEST(OperationQueueLimits, AsynchronousOperationsHoldTheirSlotAndCancelledOnesNeverRunMain) {
     auto queue = std::make_shared<OperationQueue>();
     queue->setMaxConcurrentOperationCount(2);
     ConcurrencyProbe probe;
@@ -215,28 +213,25 @@ TEST(OperationQueueLimits, AsynchronousOperationsHoldTheirSlotUntilTheyFinishEls
     for (const auto& operation : operations) {
         EXPECT_TRUE(operation->isFinished());
     }
-}
 
-TEST(OperationQueueScheduling, CancelledBeforeStartNeverRunMainButLeaveTheQueue) {
-    OperationQueue queue;
-    queue.setSuspended(true);
+    // Operations cancelled before they start never run their main part but leave the queue.
+    queue->setSuspended(true);
     std::atomic<int> ran{0};
     std::atomic<int> completions{0};
     for (int i = 0; i < 50; ++i) {
         auto operation = BlockOperation::make([&] { ran.fetch_add(1); });
         operation->setCompletionBlock([&] { completions.fetch_add(1); });
-        queue.addOperation(operation);
+        queue->addOperation(operation);
     }
-    ConcurrencyProbe probe;
     auto deferred = std::make_shared<DeferredOperation>(probe);
-    queue.addOperation(deferred);
-    queue.cancelAllOperations();
-    queue.setSuspended(false);
-    queue.waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(ran.load(), 0);
-    EXPECT_EQ(completions.load(), 50);
+    queue->addOperation(deferred);
+    queue->cancelAllOperations();
+    queue->setSuspended(false);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran.load(), 0) << "cancelled blocks do not run";
+    EXPECT_EQ(completions.load(), 50) << "cancelled operations still complete";
     EXPECT_TRUE(deferred->isFinished());
-    EXPECT_EQ(queue.operationCount(), 0u);
+    EXPECT_EQ(queue->operationCount(), 0u);
 }
 
 // Blocks added without an operation are operations as soon as anyone asks: a running one is

@@ -53,7 +53,7 @@ TEST(MainQueue, SyncFromAnotherThreadAndTimersRunOnTheMainThread) {
     EXPECT_EQ(DispatchQueue::main().syncValue([] { return 5; }), 5);
 }
 
-TEST(RunLoopControl, StopEndsTheInnermostRun) {
+TEST(RunLoopControl, StopEndsTheInnermostRunFromAnyThreadAndTimedRunsReturn) {
     std::vector<int> order;
     DispatchQueue::main().async([&] {
         order.push_back(1);
@@ -67,16 +67,14 @@ TEST(RunLoopControl, StopEndsTheInnermostRun) {
     });
     RunLoop::run();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
 
-TEST(RunLoopControl, StopFromAnotherThreadWakesTheLoop) {
+    // A stop from another thread wakes the loop.
     std::thread stopper;
     DispatchQueue::main().async([&] { stopper = std::thread([] { RunLoop::stop(); }); });
     RunLoop::run();
     stopper.join();
-}
 
-TEST(RunLoopControl, RunUntilReportsTheTimeoutAndRunForReturns) {
+    // runUntil reports its timeout; runFor returns.
     EXPECT_FALSE(RunLoop::runUntil([] { return false; }, 5ms));
     bool ran = false;
     DispatchQueue::main().async([&] { ran = true; });

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -42,6 +43,26 @@ int waitFor(pid_t child) {
     return status;
 }
 
+// Runs `body` in a forked child that exits with what it returns; gives the child's wait status.
+template <class Body>
+int inChild(Body body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
+    }
+    return waitFor(child);
+}
+
+// The code of an error of the store's domain, or -1 for any other error or none.
+int errorCode(const kel::Error& error) {
+    auto domainError = kel::errorAs<kel::DomainError>(error);
+    return domainError && domainError->domain() == kel::UserDefaults::errorDomain
+               ? domainError->code()
+               : -1;
+}
+
+constexpr int kWriterKeys = 40;  // keys each helper writer process adds
+
 std::string readFile(const std::filesystem::path& file) {
     std::ifstream stream(file, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
@@ -51,9 +72,13 @@ class UserDefaultsStore : public ::testing::Test {
   protected:
     kel::test::ScratchDirectory directory_;
     std::filesystem::path file_ = directory_ / "settings" / "app.json";
+    std::shared_ptr<kel::CapturingLogSink> log_ = std::make_shared<kel::CapturingLogSink>();
+    kel::ScopedLogSink logScope_{log_};
 };
 
-TEST_F(UserDefaultsStore, ValuesSurviveAReopenAndReadBackTyped) {
+// Values survive a reopen and read back typed. The JSON library's own conversion casts without a
+// range check: a number the requested type cannot hold must give no value.
+TEST_F(UserDefaultsStore, ValuesSurviveAReopenAndReadBackTypedWithinRange) {
     const json nested = {{"theme", "dark"}, {"sizes", {1, 2, 3}}};
     {
         auto defaults = kel::UserDefaults::atPath(file_);
@@ -70,21 +95,17 @@ TEST_F(UserDefaultsStore, ValuesSurviveAReopenAndReadBackTyped) {
     EXPECT_EQ(reopened->value<std::string>("name"), "Ada");
     EXPECT_EQ(reopened->value<int>("launches"), 3);
     EXPECT_EQ(reopened->value<int>("name"), std::nullopt);
-}
 
-// The JSON library's own conversion casts without a range check; a number the type cannot
-// hold gives no value.
-TEST_F(UserDefaultsStore, NumbersOutsideTheRequestedTypeGiveNoValue) {
-    auto defaults = kel::UserDefaults::atPath(file_);
-    ASSERT_EQ(defaults->set("huge", 1e300), nullptr);
-    ASSERT_EQ(defaults->set("big", 1LL << 40), nullptr);
-    ASSERT_EQ(defaults->set("negative", -1), nullptr);
-    ASSERT_EQ(defaults->set("edge", -2147483648.5), nullptr);
-    EXPECT_EQ(defaults->value<int>("huge"), std::nullopt);
-    EXPECT_EQ(defaults->value<int>("big"), std::nullopt);
-    EXPECT_EQ(defaults->value<long long>("big"), 1LL << 40);
-    EXPECT_EQ(defaults->value<unsigned>("negative"), std::nullopt);
-    EXPECT_EQ(defaults->value<int>("edge"), -2147483647 - 1);
+    const json numbers = {
+        {"huge", 1e300}, {"big", 1LL << 40}, {"negative", -1}, {"edge", -2147483648.5}};
+    for (const auto& [key, number] : numbers.items()) {
+        ASSERT_EQ(reopened->set(key, number), nullptr) << key;
+    }
+    EXPECT_EQ(reopened->value<int>("huge"), std::nullopt);
+    EXPECT_EQ(reopened->value<int>("big"), std::nullopt);
+    EXPECT_EQ(reopened->value<long long>("big"), 1LL << 40);
+    EXPECT_EQ(reopened->value<unsigned>("negative"), std::nullopt);
+    EXPECT_EQ(reopened->value<int>("edge"), -2147483647 - 1);
 }
 
 // Two stores for one file would each write their own keys and lose the other's.
@@ -120,16 +141,13 @@ TEST_F(UserDefaultsStore, ACrashWhileWritingLeavesTheOldFileIntactAndTheNextWrit
 
     // The child dies of SIGXFSZ while writing new contents that outgrow its file-size limit:
     // a crash after the write began and before the rename.
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const int status = inChild([&] {
         signal(SIGXFSZ, SIG_DFL);
         rlimit limit{4096, 4096};
         setrlimit(RLIMIT_FSIZE, &limit);
         (void)defaults->set("payload", std::string(64 * 1024, 'x'));
-        _exit(0);
-    }
-    const int status = waitFor(child);
+        return 0;
+    });
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ);
     EXPECT_EQ(readFile(file_), before);
     EXPECT_EQ(entries(file_.parent_path()).size(), 3u) << "the crashed write's temporary file";
@@ -146,8 +164,6 @@ TEST_F(UserDefaultsStore, AnUnparsableFileIsMovedAsideNeverOverwritten) {
     std::filesystem::create_directories(file_.parent_path());
     std::ofstream(file_.string() + ".corrupt") << "an older corrupt copy";
     std::ofstream(file_) << "{ not json";
-    auto capture = std::make_shared<kel::CapturingLogSink>();
-    kel::ScopedLogSink scope(capture);
 
     auto defaults = kel::UserDefaults::atPath(file_);
     EXPECT_EQ(defaults->dictionaryRepresentation(), json::object());
@@ -155,9 +171,9 @@ TEST_F(UserDefaultsStore, AnUnparsableFileIsMovedAsideNeverOverwritten) {
     EXPECT_EQ(json::parse(readFile(file_)), (json{{"fresh", true}}));
     EXPECT_EQ(readFile(file_.string() + ".corrupt"), "an older corrupt copy");
     EXPECT_EQ(readFile(file_.string() + ".corrupt.1"), "{ not json");
-    ASSERT_EQ(capture->records().size(), 2u);
-    EXPECT_EQ(capture->records()[1].level, kel::LogLevel::error);
-    EXPECT_NE(capture->messages()[1].find(file_.string() + ".corrupt.1"), std::string::npos);
+    ASSERT_EQ(log_->records().size(), 2u);
+    EXPECT_EQ(log_->records()[1].level, kel::LogLevel::error);
+    EXPECT_NE(log_->messages()[1].find(file_.string() + ".corrupt.1"), std::string::npos);
 }
 
 // Root changing another user's store leaves the file that user's, with its mode, or the user
@@ -183,18 +199,12 @@ TEST_F(UserDefaultsStore, RootKeepsTheOwnerOfAnotherUsersStore) {
 TEST_F(UserDefaultsStore, AFileThatCannotBeReadRefusesChangesAndIsLeftAlone) {
     // A directory in the file's place: open succeeds, read fails (EISDIR).
     std::filesystem::create_directories(file_ / "inside");
-    auto capture = std::make_shared<kel::CapturingLogSink>();
-    kel::ScopedLogSink scope(capture);
     auto defaults = kel::UserDefaults::atPath(file_);
-    kel::Error error = defaults->set("key", 1);
-    auto domainError = kel::errorAs<kel::DomainError>(error);
-    ASSERT_TRUE(domainError.has_value());
-    EXPECT_EQ(domainError->domain(), kel::UserDefaults::errorDomain);
-    EXPECT_EQ(domainError->code(), EISDIR);
+    EXPECT_EQ(errorCode(defaults->set("key", 1)), EISDIR);
     EXPECT_EQ(defaults->value<int>("key"), std::nullopt);
     EXPECT_TRUE(std::filesystem::exists(file_ / "inside"));
-    ASSERT_FALSE(capture->records().empty());
-    EXPECT_EQ(capture->records().back().level, kel::LogLevel::error);
+    ASSERT_FALSE(log_->records().empty());
+    EXPECT_EQ(log_->records().back().level, kel::LogLevel::error);
 }
 
 // Permission denied (EACCES): the file is readable only by its owner, in a directory anyone
@@ -210,19 +220,13 @@ TEST_F(UserDefaultsStore, AFileWithoutReadPermissionKeepsItsContents) {
     std::filesystem::permissions(file_.parent_path(), std::filesystem::perms(0777));
     std::filesystem::permissions(file_, std::filesystem::perms(0600));
 
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const int status = inChild([&] {
         kel::Log::setSink(std::make_shared<kel::CapturingLogSink>());
         if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            _exit(2);
+            return 2;
         }
-        auto store = kel::UserDefaults::atPath(file_);
-        kel::Error error = store->set("intruder", true);
-        auto domainError = kel::errorAs<kel::DomainError>(error);
-        _exit(domainError && domainError->code() == EACCES ? 0 : 1);
-    }
-    const int status = waitFor(child);
+        return errorCode(kel::UserDefaults::atPath(file_)->set("intruder", true)) == EACCES ? 0 : 1;
+    });
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_EQ(readFile(file_), before);
 }
@@ -252,8 +256,7 @@ TEST_F(UserDefaultsStore, ExhaustedDescriptorsNeverLoseKeys) {
     }
     setrlimit(RLIMIT_NOFILE, &original);
 
-    EXPECT_EQ(kel::errorAs<kel::DomainError>(refused).value_or(kel::DomainError("", 0)).code(),
-              EMFILE);
+    EXPECT_EQ(errorCode(refused), EMFILE);
     EXPECT_EQ(defaults->dictionaryRepresentation(), json::object());
     EXPECT_EQ(defaults->set("added", 2), nullptr);
     EXPECT_EQ(json::parse(readFile(file_)), (json{{"kept", 1}, {"added", 2}}));
@@ -263,35 +266,26 @@ TEST_F(UserDefaultsStore, ExhaustedDescriptorsNeverLoseKeys) {
 // own change, so neither loses the other's keys. The writers are this test binary run again
 // with only the helper test below selected.
 TEST_F(UserDefaultsStore, TwoProcessesWritingOneStoreLoseNoKey) {
-    constexpr int writes = 40;
-    std::vector<pid_t> writers;
-    for (const char* name : {"a", "b"}) {
-        std::string filter = "--gtest_filter=UserDefaultsWriterProcess.*";
-        std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-        std::vector<std::string> environment{"KEL_DEFAULTS_WRITER_FILE=" + file_.string(),
-                                             std::string("KEL_DEFAULTS_WRITER_NAME=") + name,
-                                             "KEL_DEFAULTS_WRITER_COUNT=" + std::to_string(writes)};
-        char* argv[] = {self.data(), filter.data(), nullptr};
-        std::vector<char*> envp;
-        for (std::string& entry : environment) {
-            envp.push_back(entry.data());
-        }
-        envp.push_back(nullptr);
-        posix_spawn_file_actions_t quiet;
-        posix_spawn_file_actions_init(&quiet);
-        posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        pid_t child = 0;
-        int spawned = posix_spawn(&child, self.c_str(), &quiet, nullptr, argv, envp.data());
-        posix_spawn_file_actions_destroy(&quiet);
-        ASSERT_EQ(spawned, 0);
-        writers.push_back(child);
+    std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::string filter = "--gtest_filter=UserDefaultsWriterProcess.*";
+    std::string fileVariable = "KEL_DEFAULTS_WRITER_FILE=" + file_.string();
+    char* argv[] = {self.data(), filter.data(), nullptr};
+    char* envp[] = {fileVariable.data(), nullptr};
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t writers[2] = {};
+    int spawned[2] = {};
+    for (int i = 0; i < 2; ++i) {
+        spawned[i] = posix_spawn(&writers[i], self.c_str(), &quiet, nullptr, argv, envp);
     }
-    for (pid_t child : writers) {
-        const int status = waitFor(child);
+    posix_spawn_file_actions_destroy(&quiet);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(spawned[i], 0);
+        const int status = waitFor(writers[i]);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    json stored = json::parse(readFile(file_));
-    EXPECT_EQ(stored.size(), 2u * writes);
+    EXPECT_EQ(json::parse(readFile(file_)).size(), 2u * kWriterKeys);
 }
 
 TEST(UserDefaultsWriterProcess, WritesItsKeysWhenRunAsAHelper) {
@@ -300,10 +294,9 @@ TEST(UserDefaultsWriterProcess, WritesItsKeysWhenRunAsAHelper) {
         GTEST_SKIP() << "a helper process of TwoProcessesWritingOneStoreLoseNoKey";
     }
     kel::Log::setSink(std::make_shared<kel::CapturingLogSink>());
-    const std::string name = std::getenv("KEL_DEFAULTS_WRITER_NAME");
-    const int count = std::atoi(std::getenv("KEL_DEFAULTS_WRITER_COUNT"));
+    const std::string name = std::to_string(::getpid()) + "-";  // distinct per writer
     auto defaults = kel::UserDefaults::atPath(file);
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < kWriterKeys; ++i) {
         ASSERT_EQ(defaults->set(name + std::to_string(i), i), nullptr);
     }
 }
